@@ -1,0 +1,251 @@
+#pragma once
+
+#include <QHash>
+#include <QMap>
+#include <QMutex>
+#include <QObject>
+#include <QPointer>
+#include <QString>
+
+#include <atomic>
+#include <functional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "MemberLoginInfo.h"
+#include "qmmemberwebservice_export.h"
+
+class CHttpRequest;
+class QDomDocument;
+class QDomElement;
+class QJsonDocument;
+class QJsonObject;
+class QTimer;
+
+namespace QMRegistryTool {
+class CQMRegistryAgent;
+}
+
+/// The client of the member web services, one object per product.
+///
+/// Every call returns an EWSResult: 2 is success, negative values are
+/// failures found on this side, other positive values are server statuses.
+///
+/// \code
+/// static QMRegistryTool::CQMRegistryAgent agent;
+/// CQMMemberWebService::SetRegistryInterface(&agent);
+/// CQMMemberWebService service(L"SOFTWARE\\Quillmarsh\\Studio", false, 10000, 0);
+/// std::wstring build;
+/// if (service.GetProductBuild(build) == CQMMemberWebService::WS_OK) { ... }
+/// \endcode
+class QMMEMBERWEBSERVICE_EXPORT CQMMemberWebService : public QObject
+{
+    Q_OBJECT
+
+public:
+    enum EWSResult : int {
+        WS_OK = 2,
+        WS_UNEXPECT_FAIL = -1,
+        WS_NO_LOGIN = -2,
+        WS_ACCOUNT_NOT_MATCH = -3,
+        WS_CONNECTION_FAILED = -6,
+        WS_NO_INTERNET = -7,
+        WS_CONNECTION_TIMEOUT = -8,
+        WS_LOGIN_STATUS_FAIL = -9,
+        WS_GET_REGISTRY_INFO_FAIL = -10,
+        WS_MEMORY_ALLOCATE_FAIL = -11,
+        WS_PARSE_CONTENT_FAIL = -12,
+        WS_STATUS_1 = 1,
+        WS_DB_OPERATION_FAIL = 3,
+        WS_PARAM_FAIL = 4,
+        WS_STATUS_5 = 5,
+        WS_TOKEN_EXPIRE = 6,
+        WS_STATUS_7 = 7,
+        WS_TOKEN_VERIFY_FAIL = 13,
+        WS_SERVER_BUSY = 14,
+        WS_STATUS_15 = 15,
+    };
+
+    using ProductIDList = std::vector<std::pair<std::wstring, int>>;
+    using LoginResultCallback = void (*)(int, char*);
+
+    /// Internal constructor: no product key, user agent "QMAutoTestAgent".
+    explicit CQMMemberWebService(int targetServer);
+    /// Product constructor. \a reserved is accepted and not used.
+    CQMMemberWebService(std::wstring productKeyPath, bool storeBuild, int reserved, int targetServer);
+    ~CQMMemberWebService() override;
+
+    // --- request handles --------------------------------------------------
+    virtual CHttpRequest* ServiceHttpRequest(QString caller, bool sync);
+    virtual CQMMemberWebService* InnerMemberService();
+
+    // --- identity and product information ----------------------------------
+    virtual std::wstring GetMachineID();
+    virtual EWSResult GetCheckUpdateEdition(std::wstring& edition);
+    virtual EWSResult GetProductBuild(std::wstring& build);
+    virtual EWSResult GetVersionCode(std::wstring& versionCode);
+    virtual EWSResult GetProductName(std::wstring& name);
+    /// Throws std::invalid_argument / std::out_of_range when the stored text is
+    /// not a base-10 integer in range, as the standard conversion does.
+    virtual EWSResult GetLanguageID(int& languageID);
+    virtual EWSResult GetLanguageID(std::wstring& languageID);
+    virtual EWSResult GetLanguagePackPath(std::wstring& path);
+    virtual int GetLocaleLanguageID();
+
+    // --- token store ----------------------------------------------------------
+    virtual bool GetAccessToken(std::wstring& token);
+    virtual bool GetRefreshToken(std::wstring& token);
+    virtual bool GetTargetServer(int& target);
+
+    static EWSResult GetCheckUpdateEdition(std::wstring keyPath, std::wstring& edition, bool currentUser);
+    static EWSResult GetProductBuild(std::wstring keyPath, std::wstring& build, bool currentUser);
+    static EWSResult GetVersionCode(std::wstring keyPath, std::wstring& versionCode, bool currentUser);
+    static EWSResult GetProductName(std::wstring keyPath, std::wstring& name, bool currentUser);
+    static EWSResult GetLanguageID(std::wstring keyPath, std::wstring& languageID, bool currentUser);
+    static EWSResult GetLanguagePackPath(std::wstring keyPath, std::wstring& path, bool currentUser);
+    /// "Edition/Build" from the product key; "UnknowAgent" and -10 when either is missing.
+    static EWSResult GetUserAgent(std::wstring keyPath, std::wstring& userAgent, bool currentUser);
+
+    void SetUserAgent(std::wstring userAgent);
+    std::wstring GetHttpRequestUserAgent() const;
+    std::wstring GetErrorCodeString(int code);
+    std::wstring GetApiHost() const { return m_strApiHost; }
+    std::wstring GetWebHost() const { return m_strWebHost; }
+    std::wstring GetPrimaryMachineKey() const { return m_strPrimaryMachineKey; }
+    std::wstring GetSecondaryMachineKey() const { return m_strSecondaryMachineKey; }
+    void SetLoginResultCallback(LoginResultCallback callback);
+    /// Wait cursor during token requests, only when the application is a QApplication.
+    void SetWaitCursor(bool on) { m_bWaitCursor = on; }
+
+    static void SetInHouseTest(bool inHouseTest);
+    static bool GetInHouseTest() { return ms_bInHouseTest; }
+    /// Must be called before any object is built; the agent must outlive every service object.
+    static void SetRegistryInterface(QMRegistryTool::CQMRegistryAgent* agent);
+
+    // --- request pipeline -------------------------------------------------------
+    static QString GenerateApiRequestID();
+    EWSResult DoApiRequest(std::wstring path, std::string body, int timeoutMs, bool needLogin, bool sync,
+                           QString kGuid, std::wstring replyKey = std::wstring());
+    EWSResult GeneralSyncApiRequest(std::wstring path, bool needLogin, std::string body, std::wstring& resultText,
+                                    int timeoutMs, std::wstring replyKey = std::wstring());
+    EWSResult GeneralSyncGetApiRequest(std::wstring path, bool needLogin, std::wstring& resultText, int timeoutMs,
+                                       std::wstring replyKey = std::wstring());
+    static EWSResult ProcessXmlReturnValue(const std::wstring& reply, QDomDocument& document, int& status);
+    static bool FindQDomElement(QDomDocument& document, QString tagName, QDomElement& element);
+
+    // --- connectivity -------------------------------------------------------------
+    static bool CheckInternetConnection(int timeoutMs, bool arg2, bool arg3);
+    static void SetCheckCurrentInternetConnection(bool check);
+    static bool GetInternetConnectionFlag();
+
+    // --- member session -------------------------------------------------------------
+    std::wstring GetMemberID();
+    std::wstring GetMemberIDByToken();
+    static std::wstring GetMemberIDByTokenStaicVersion();
+    bool IsMemberLogIn();
+    static bool IsMemberLogIn(std::wstring productRegistryKey);
+    static bool MemberLogOut();
+    bool DumpBackupTokenToRegFile(std::wstring folder);
+    bool GetIsLoginPolling() const { return m_bLoginPolling; }
+
+    // --- cache and URL-scheme codec ------------------------------------------------
+    static QString GetCacheFolderPath();
+    static void SetCacheFolderPath(QString path);
+    static QString EncryptUrlScheme(const QString& text);
+    static QString DecryptUrlScheme(const QString& token);
+
+signals:
+    void UploadMetaDataProgress(int nProgress);
+    void InnerMemberLogInStop();
+    void LoginStatus(int nStatus);
+    void LoginResult(EWSResult eResult, const std::wstring& strError);
+    void UploadResult(int);
+    void FinishCurrentFunction();
+    void FinishGetMemberLoginInfo();
+    void FinishApiRequest(const std::wstring& strRaw, bool bServerBusy, QString kGuid = QString());
+    void ErrorNotice(QString kGuid = QString(), EWSResult eResult = WS_UNEXPECT_FAIL);
+    void GetTokenFailed();
+    void ServerBusy();
+    void FinishRequest(const std::wstring& strService, const std::wstring& strReturnData, int nNetWorkError);
+
+public slots:
+    void OnMemberLogInStop();
+
+private slots:
+    void OnMemberLogInPolling();
+
+public slots:
+    void OnMemberUploadPolling();
+
+private slots:
+    void ReleaseServiceHttpRequest(CHttpRequest* pHttp);
+
+protected:
+    static bool IsEducationLogIn(std::wstring productRegistryKey);
+
+    bool ParseJsonResult(const std::wstring& reply, int& apiStatus, int& status, QJsonDocument& document);
+    EWSResult ExtractApiResult(std::wstring path, std::string body, int timeoutMs, bool needLogin, bool sync,
+                               const std::wstring& reply, std::wstring& resultText, QString kGuid);
+    EWSResult ProcessStatus(int status, std::function<EWSResult()> retry, bool allowRetry);
+    static QJsonObject JsonObjectFromString(const QString& text);
+    EWSResult ConnectionEndProcess(std::wstring proxyAccount, std::wstring proxyPassword, bool save, bool ok,
+                                   QString kGuid);
+    EWSResult RefreshMemberAPIToken(bool flag, bool rateLimited);
+    bool SaveMemberToken(const std::wstring& accessToken, const std::wstring& refreshToken);
+
+private:
+    // The agent handed in by the host, or the library's own when none was.
+    static QMRegistryTool::CQMRegistryAgent* Registry();
+    std::wstring GetServerURL(int target);
+    std::wstring GetApiServerURL(int target);
+    void OnInnerServiceDestroyed();
+    void StopInnerLoginPolling() { m_bLoginPolling = false; }
+
+    static bool CreateCacheFile(QString content, QString fileName);
+    static QString GetCacheContent(QString fileName);
+    static bool IsCacheFileExist(QString fileName);
+    static bool IsCacheFileExpire(QString fileName);
+    static bool ClearCacheFile(QString fileName);
+    static bool ClearCacheFolder(QString folderName);
+    static QString ConvertProudctIDListToString(ProductIDList list);
+    static ProductIDList ConvertStringToProudctIDList(QString text);
+    static bool IsCacheInstalledProductModified(ProductIDList& installed);
+
+    // Session values: the member id, the refresh token of the last profile
+    // fetch, and the GUID the browser sign-in is bound to.
+    std::wstring m_strMemberID;
+    std::wstring m_strProfileRefreshToken;
+    std::wstring m_strPollingGuid;
+    std::wstring m_strProductKeyPath;
+    std::wstring m_strMachineID;
+    std::wstring m_strPrimaryMachineKey;
+    std::wstring m_strSecondaryMachineKey;
+    bool m_bProfileFetched = false;
+    bool m_bStoreBuild = false;
+    std::wstring m_strUserAgent;
+    QPointer<CQMMemberWebService> m_pInnerService;
+    std::atomic<bool> m_bAsyncLogin{false};
+    int m_nLoginTimeLimitMs = 0;
+    int m_nLoginPollIntervalMs = 0;
+    bool m_bLoginRequestFlag = true;
+    std::atomic<bool> m_bLoginPolling{false};
+    QTimer* m_pLoginTimer = nullptr;
+    LoginResultCallback m_pfnLoginResult = nullptr;
+    bool m_bWaitCursor = true;
+    std::wstring m_strApiHost;
+    std::wstring m_strWebHost;
+    int m_nRequestCounter = 1;
+    QMap<CHttpRequest*, QString> m_kLiveRequests;
+    QHash<QString, int> m_kTokenRetries; // re-sends of asynchronous requests after an expired token
+    std::wstring m_strSign;
+    std::wstring m_strSignCheck;
+
+    static std::atomic<bool> ms_bInternetConnection;
+    static std::atomic<bool> ms_bCheckCurrentInternetConnection;
+    static std::atomic<bool> ms_bCurrentInternetConnection;
+    static std::atomic<bool> ms_bInHouseTest;
+    static QString ms_kCacheFolderPath;
+    static QMRegistryTool::CQMRegistryAgent* ms_pRegistryInterface;
+    static QMutex m_skMemberIDMutex;
+};

@@ -1,0 +1,422 @@
+#include "QMMemberWebService.h"
+
+#include "Cipher.h"
+#include "ServicePrivate.h"
+#include "../LZString/LZString.h"
+#include "../qmnetwork/HttpRequest.h"
+#include "../qmnetwork/QMNetworkCenter.h"
+#include "../registry/RegistryStore.h"
+
+#include <QDateTime>
+#include <QDomDocument>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QThread>
+#include <QUuid>
+
+#include <memory>
+
+using namespace QMService;
+
+namespace {
+
+// A server that keeps answering "token expired" must not make a request
+// repeat itself, or the refresh recurse, without end.
+constexpr int kMaxTokenRetries = 2;
+thread_local int t_retryDepth = 0;
+
+bool UsingLocalTime()
+{
+    return QMRegistryTool::Store::ReadNative(QString::fromLatin1(kNativeCompanyKey), QStringLiteral("UsingLocalTime"))
+        .toBool();
+}
+
+// Releases a request on every way out of a call.
+class ReleaseGuard
+{
+public:
+    ReleaseGuard(CQMMemberWebService* service, CHttpRequest* request, void (CQMMemberWebService::*release)(CHttpRequest*))
+        : m_service(service)
+        , m_request(request)
+        , m_release(release)
+    {
+    }
+    ~ReleaseGuard()
+    {
+        if (m_request)
+            (m_service->*m_release)(m_request);
+    }
+    ReleaseGuard(const ReleaseGuard&) = delete;
+    ReleaseGuard& operator=(const ReleaseGuard&) = delete;
+
+private:
+    CQMMemberWebService* m_service;
+    CHttpRequest* m_request;
+    void (CQMMemberWebService::*m_release)(CHttpRequest*);
+};
+
+} // namespace
+
+// --- request handles -------------------------------------------------------------
+
+CHttpRequest* CQMMemberWebService::ServiceHttpRequest(QString caller, bool sync)
+{
+    auto* request = new (std::nothrow) CHttpRequest(sync ? nullptr : this, sync);
+    if (!request)
+        return nullptr;
+    m_kLiveRequests.insert(request, QDateTime::currentDateTime().toString(QStringLiteral("yyyy-MM-dd hh:mm:ss"))
+                                        + QLatin1Char('_') + caller);
+    return request;
+}
+
+void CQMMemberWebService::ReleaseServiceHttpRequest(CHttpRequest* pHttp)
+{
+    if (!pHttp)
+        return;
+    m_kLiveRequests.remove(pHttp);
+    if (pHttp->thread() != QThread::currentThread())
+        pHttp->EndSocketThread();
+    else
+        pHttp->deleteLater();
+}
+
+QString CQMMemberWebService::GenerateApiRequestID()
+{
+    return QUuid::createUuid().toString(QUuid::WithoutBraces);
+}
+
+// --- one request -------------------------------------------------------------------
+
+CQMMemberWebService::EWSResult CQMMemberWebService::DoApiRequest(std::wstring path, std::string body, int timeoutMs,
+                                                                 bool needLogin, bool sync, QString kGuid,
+                                                                 std::wstring replyKey)
+{
+    const std::wstring host = m_strApiHost;
+    const wchar_t* const contentType = L"application/json";
+
+    std::wstring accessToken;
+    if (needLogin && (!IsMemberLogIn(m_strProductKeyPath) || !GetAccessToken(accessToken))) {
+        // A missing login is reported as -1 here, not as "No Login".
+        emit ErrorNotice(kGuid, WS_UNEXPECT_FAIL);
+        return WS_UNEXPECT_FAIL;
+    }
+
+    CHttpRequest* request = ServiceHttpRequest(QStringLiteral("CQMMemberWebService::DoApiRequest"), sync);
+    if (!request)
+        return WS_MEMORY_ALLOCATE_FAIL;
+    auto guard = std::make_shared<ReleaseGuard>(this, request, &CQMMemberWebService::ReleaseServiceHttpRequest);
+
+    request->AddRawHeader(L"Compress-Output", L"false");
+    request->AddRawHeader(L"User-Agent", m_strUserAgent);
+    if (UsingLocalTime()) {
+        // Named local time, but the server expects the UTC date.
+        request->AddRawHeader(L"Local-Time",
+                              QDateTime::currentDateTimeUtc().toString(QStringLiteral("yyyyMMdd")).toStdWString());
+    }
+    if (needLogin) {
+        if (accessToken.empty()) {
+            emit ErrorNotice(kGuid, WS_UNEXPECT_FAIL);
+            return WS_UNEXPECT_FAIL;
+        }
+        request->AddRawHeader(L"Authorization", L"Token " + accessToken);
+    }
+    request->AddRawHeader(L"QM_Sign", m_strSign);
+    request->AddRawHeader(L"QM_SignCheck", m_strSignCheck);
+
+    std::wstring proxyAccount;
+    std::wstring proxyPassword;
+    CQMNetworkCenter::GetProxyData(proxyAccount, proxyPassword, true);
+
+    auto applyReplyKey = [replyKey](std::wstring& reply) {
+        if (replyKey.empty())
+            return;
+        QString token = Q(reply);
+        token.remove(QLatin1Char('"'));
+        QString plain;
+        QMCipher::Decrypt(token.toUtf8(), Q(replyKey).toUtf8(), plain);
+        reply = plain.toStdWString();
+    };
+
+    if (sync) {
+        std::wstring reply;
+        std::wstring replyHeaders;
+        const bool ok = body.empty()
+                            ? request->GetSync(host.c_str(), path.c_str(), reply, replyHeaders, nullptr,
+                                               static_cast<unsigned int>(timeoutMs), true, contentType, nullptr, false)
+                            : request->PostSync(host.c_str(), path.c_str(), body.c_str(), reply, replyHeaders,
+                                                static_cast<unsigned int>(timeoutMs), true, contentType, nullptr,
+                                                false);
+        const EWSResult connection = ConnectionEndProcess(proxyAccount, proxyPassword, true, ok, kGuid);
+        reply = request->GetReturnData();
+        applyReplyKey(reply);
+        std::wstring resultText;
+        EWSResult result = ExtractApiResult(path, body, timeoutMs, needLogin, sync, reply, resultText, kGuid);
+        // An exchange that never completed has nothing to extract: report the connection.
+        if (!ok)
+            result = connection;
+        if (request->GetNetLastError() == 499)
+            result = WS_SERVER_BUSY;
+        emit FinishApiRequest(resultText, result == WS_SERVER_BUSY, kGuid);
+        return result;
+    }
+
+    auto connections = std::make_shared<std::pair<QMetaObject::Connection, QMetaObject::Connection>>();
+    auto disconnectBoth = [connections]() {
+        QObject::disconnect(connections->first);
+        QObject::disconnect(connections->second);
+    };
+    connections->second = connect(request, &CHttpRequest::ErrorAsync, this,
+                                  [this, kGuid, guard, disconnectBoth](unsigned int) mutable {
+                                      disconnectBoth();
+                                      emit ErrorNotice(kGuid, WS_UNEXPECT_FAIL);
+                                      emit FinishApiRequest(std::wstring(), false, kGuid);
+                                      guard.reset();
+                                  });
+    connections->first = connect(
+        request, &CHttpRequest::FinishedAsync, this,
+        [this, request, path, body, timeoutMs, needLogin, sync, kGuid, replyKey, guard, disconnectBoth,
+         applyReplyKey](std::wstring) mutable {
+            disconnectBoth();
+            ConnectionEndProcess(request->GetProxyAccount(), request->GetProxyPW(), true,
+                                 request->GetHttpStatus() != 0, kGuid);
+            std::wstring reply = request->GetReturnData();
+            applyReplyKey(reply);
+            std::wstring resultText;
+            EWSResult result = ExtractApiResult(path, body, timeoutMs, needLogin, sync, reply, resultText, kGuid);
+            if (request->GetNetLastError() == 499)
+                result = WS_SERVER_BUSY;
+            if (result == WS_TOKEN_EXPIRE && !ms_bCurrentInternetConnection) {
+                m_kTokenRetries.remove(kGuid);
+                emit GetTokenFailed();
+            } else if (result == WS_TOKEN_EXPIRE && m_kTokenRetries.value(kGuid) < kMaxTokenRetries) {
+                ++m_kTokenRetries[kGuid];
+                DoApiRequest(path, body, timeoutMs, needLogin, false, kGuid, replyKey);
+            } else {
+                m_kTokenRetries.remove(kGuid);
+                if (result == WS_OK || result == WS_SERVER_BUSY) {
+                    emit FinishApiRequest(resultText, result == WS_SERVER_BUSY, kGuid);
+                } else {
+                    emit ErrorNotice(kGuid, result);
+                    emit FinishApiRequest(resultText, false, kGuid);
+                }
+            }
+            guard.reset();
+        });
+
+    if (!body.empty())
+        request->PostAsync(host, path, body, static_cast<unsigned int>(timeoutMs), true, contentType, std::wstring(),
+                           false);
+    else
+        request->GetAsync(host, path, static_cast<unsigned int>(timeoutMs), true, contentType);
+    return WS_OK;
+}
+
+CQMMemberWebService::EWSResult CQMMemberWebService::GeneralSyncApiRequest(std::wstring path, bool needLogin,
+                                                                          std::string body, std::wstring& resultText,
+                                                                          int timeoutMs, std::wstring replyKey)
+{
+    const QString id = GenerateApiRequestID();
+    auto connections = std::make_shared<std::pair<QMetaObject::Connection, QMetaObject::Connection>>();
+    auto disconnectBoth = [connections]() {
+        QObject::disconnect(connections->first);
+        QObject::disconnect(connections->second);
+    };
+    // Direct: the request is synchronous and may run outside this object's thread.
+    connections->first = connect(
+        this, QOverload<QString, EWSResult>::of(&CQMMemberWebService::ErrorNotice), this,
+        [id, disconnectBoth](QString kGuid, EWSResult) {
+            if (kGuid == id)
+                disconnectBoth();
+        },
+        Qt::DirectConnection);
+    connections->second = connect(
+        this, QOverload<const std::wstring&, bool, QString>::of(&CQMMemberWebService::FinishApiRequest), this,
+        [id, disconnectBoth, &resultText](const std::wstring& strRaw, bool, QString kGuid) {
+            if (kGuid != id)
+                return;
+            disconnectBoth();
+            resultText = strRaw;
+        },
+        Qt::DirectConnection);
+    const EWSResult result = DoApiRequest(std::move(path), std::move(body), timeoutMs, needLogin, true, id,
+                                          std::move(replyKey));
+    disconnectBoth();
+    return result;
+}
+
+CQMMemberWebService::EWSResult CQMMemberWebService::GeneralSyncGetApiRequest(std::wstring path, bool needLogin,
+                                                                             std::wstring& resultText, int timeoutMs,
+                                                                             std::wstring replyKey)
+{
+    return GeneralSyncApiRequest(std::move(path), needLogin, std::string(), resultText, timeoutMs,
+                                 std::move(replyKey));
+}
+
+CQMMemberWebService::EWSResult CQMMemberWebService::ConnectionEndProcess(std::wstring proxyAccount,
+                                                                         std::wstring proxyPassword, bool save,
+                                                                         bool ok, QString kGuid)
+{
+    if (ok) {
+        ms_bCurrentInternetConnection = true;
+        CQMNetworkCenter::SaveProxyData(std::move(proxyAccount), std::move(proxyPassword), save);
+        return WS_OK;
+    }
+    ms_bCurrentInternetConnection = false;
+    emit ErrorNotice(kGuid, WS_UNEXPECT_FAIL);
+    return WS_CONNECTION_FAILED;
+}
+
+// --- reply parsing -------------------------------------------------------------------
+
+QJsonObject CQMMemberWebService::JsonObjectFromString(const QString& text)
+{
+    const QJsonDocument document = QJsonDocument::fromJson(text.toUtf8());
+    if (document.isNull()) {
+        qCDebug(lcService).noquote() << "Invalid JSON...\n" + text;
+        return QJsonObject();
+    }
+    if (!document.isObject()) {
+        qCDebug(lcService) << "Document is not an object";
+        return QJsonObject();
+    }
+    return document.object();
+}
+
+bool CQMMemberWebService::ParseJsonResult(const std::wstring& reply, int& apiStatus, int& status,
+                                          QJsonDocument& document)
+{
+    status = -1;
+    if (reply.empty())
+        return false;
+    QJsonDocument parsed = QJsonDocument::fromJson(Q(reply).toUtf8());
+    if (parsed.isNull())
+        return false;
+    QJsonObject top = parsed.object();
+    apiStatus = top.value(QLatin1String("apiStatus")).toInt(0);
+    QJsonObject result;
+    const QJsonValue resultValue = top.value(QLatin1String("result"));
+    if (resultValue.isString()) {
+        result = JsonObjectFromString(LZString::decompressFromUTF16(resultValue.toString()));
+        top.insert(QLatin1String("result"), result);
+        parsed.setObject(top);
+    } else {
+        result = resultValue.toObject();
+    }
+    if (!result.isEmpty())
+        status = result.value(QLatin1String("status")).toInt(0);
+    document = parsed;
+    return true;
+}
+
+CQMMemberWebService::EWSResult CQMMemberWebService::ProcessStatus(int status, std::function<EWSResult()> retry,
+                                                                  bool allowRetry)
+{
+    EWSResult result = WS_UNEXPECT_FAIL;
+    switch (status) {
+    case 1:
+    case 2:
+    case 3:
+    case 4:
+    case 5:
+    case 7:
+    case 13:
+    case 14:
+    case 15:
+        result = static_cast<EWSResult>(status);
+        break;
+    case 6:
+        result = WS_TOKEN_EXPIRE;
+        if (RefreshMemberAPIToken(true, false) == WS_OK && allowRetry && t_retryDepth < kMaxTokenRetries) {
+            ++t_retryDepth;
+            result = retry();
+            --t_retryDepth;
+        }
+        break;
+    default:
+        break;
+    }
+    retry = nullptr;
+    return result;
+}
+
+CQMMemberWebService::EWSResult CQMMemberWebService::ExtractApiResult(std::wstring path, std::string body,
+                                                                     int timeoutMs, bool needLogin, bool sync,
+                                                                     const std::wstring& reply,
+                                                                     std::wstring& resultText, QString kGuid)
+{
+    int apiStatus = 0;
+    int status = -1;
+    QJsonDocument document;
+    if (!ParseJsonResult(reply, apiStatus, status, document))
+        return WS_PARSE_CONTENT_FAIL;
+
+    // An expired token at the API level only refreshes; nothing is sent again.
+    EWSResult outcome = ProcessStatus(apiStatus, [] { return WS_OK; }, true);
+    if (outcome != WS_OK && outcome != WS_SERVER_BUSY)
+        return outcome;
+
+    outcome = ProcessStatus(
+        status,
+        [this, path, body, timeoutMs, needLogin, sync, kGuid]() {
+            return DoApiRequest(path, body, timeoutMs, needLogin, sync, kGuid, std::wstring());
+        },
+        sync);
+
+    if (outcome == WS_OK && status == WS_OK) {
+        const QJsonValue data = document.object().value(QLatin1String("result")).toObject().value(QLatin1String("data"));
+        if (data.isObject())
+            resultText = QString::fromUtf8(QJsonDocument(data.toObject()).toJson(QJsonDocument::Compact)).toStdWString();
+        else if (data.isArray())
+            resultText = QString::fromUtf8(QJsonDocument(data.toArray()).toJson(QJsonDocument::Compact)).toStdWString();
+        else
+            resultText.clear();
+    }
+    if (apiStatus == WS_SERVER_BUSY)
+        return WS_SERVER_BUSY;
+    return outcome;
+}
+
+CQMMemberWebService::EWSResult CQMMemberWebService::ProcessXmlReturnValue(const std::wstring& reply,
+                                                                          QDomDocument& document, int& status)
+{
+    if (!document.setContent(Q(reply)))
+        return WS_UNEXPECT_FAIL;
+    QDomElement element;
+    if (!FindQDomElement(document, QStringLiteral("ProductService"), element))
+        return WS_UNEXPECT_FAIL;
+    QDomElement statusElement;
+    if (!FindQDomElement(document, QStringLiteral("Status"), statusElement) || statusElement.isNull())
+        return WS_UNEXPECT_FAIL;
+    status = statusElement.text().toInt(nullptr, 10);
+    return WS_OK;
+}
+
+bool CQMMemberWebService::FindQDomElement(QDomDocument& document, QString tagName, QDomElement& element)
+{
+    const QDomNodeList list = document.elementsByTagName(tagName);
+    if (list.isEmpty())
+        return false;
+    element = list.at(0).toElement();
+    return true;
+}
+
+// --- connectivity ----------------------------------------------------------------------
+
+bool CQMMemberWebService::CheckInternetConnection(int timeoutMs, bool arg2, bool arg3)
+{
+    const bool active = CQMNetworkCenter::IsInternetConnectionActive(timeoutMs, arg2, arg3);
+    ms_bInternetConnection = active;
+    ms_bCurrentInternetConnection = active;
+    return active;
+}
+
+void CQMMemberWebService::SetCheckCurrentInternetConnection(bool check)
+{
+    ms_bCheckCurrentInternetConnection = check;
+}
+
+bool CQMMemberWebService::GetInternetConnectionFlag()
+{
+    return ms_bInternetConnection || !ms_bCheckCurrentInternetConnection || ms_bCurrentInternetConnection;
+}
