@@ -114,6 +114,12 @@ public:
     std::wstring GetWebHost() const { return m_strWebHost; }
     std::wstring GetPrimaryMachineKey() const { return m_strPrimaryMachineKey; }
     std::wstring GetSecondaryMachineKey() const { return m_strSecondaryMachineKey; }
+    /// Values of the "QM_Sign" and "QM_SignCheck" headers; empty by default.
+    void SetApiSignature(std::wstring sign, std::wstring signCheck)
+    {
+        m_strSign = std::move(sign);
+        m_strSignCheck = std::move(signCheck);
+    }
     void SetLoginResultCallback(LoginResultCallback callback);
     /// Wait cursor during token requests, only when the application is a QApplication.
     void SetWaitCursor(bool on) { m_bWaitCursor = on; }

@@ -1,0 +1,393 @@
+#include "MemberServer.h"
+
+#include "Certificates.h"
+#include "LZStringEncoder.h"
+
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QRandomGenerator>
+
+#include <openssl/pem.h>
+#include <openssl/ssl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+
+#include <chrono>
+#include <cstdio>
+#include <thread>
+
+using httplib::Request;
+using httplib::Response;
+using Handled = httplib::Server::HandlerResponse;
+
+namespace {
+
+// Server statuses of the token endpoint's "error" member.
+constexpr int kErrorBadCredentials = 5;
+constexpr int kErrorBadParameters = 4;
+constexpr int kErrorUnknownToken = 13;
+
+QString Text(const std::string& utf8)
+{
+    return QString::fromUtf8(utf8.data(), static_cast<int>(utf8.size()));
+}
+
+// httplib adds the socket's addresses as pseudo-headers; they were never sent.
+QJsonObject SentHeaders(const httplib::Headers& headers)
+{
+    QJsonObject object;
+    for (const auto& [name, value] : headers) {
+        if (name != "LOCAL_ADDR" && name != "LOCAL_PORT" && name != "REMOTE_ADDR" && name != "REMOTE_PORT")
+            object.insert(Text(name), Text(value));
+    }
+    return object;
+}
+
+QJsonObject ParseObject(const std::string& body)
+{
+    return QJsonDocument::fromJson(QByteArray::fromStdString(body)).object();
+}
+
+} // namespace
+
+MemberServer::MemberServer(ServerOptions options)
+    : m_options(std::move(options))
+{
+}
+
+MemberServer::~MemberServer() = default;
+
+bool MemberServer::Start(std::string& error)
+{
+    ::mkdir(m_options.stateDir.c_str(), 0700);
+    Certificates::Paths paths;
+    if (!Certificates::Ensure(m_options.stateDir, paths, error))
+        return false;
+    m_caFile = paths.ca;
+    if (!m_state.Open(m_options.stateDir + "/state.db", m_options.tokenTtlSeconds, error))
+        return false;
+    if (m_options.seed == "demo")
+        m_state.AddMember(QStringLiteral("demo@quillmarsh.test"), QStringLiteral("demo-password"),
+                          QStringLiteral("Demo"));
+    else if (!m_options.seed.empty()) {
+        error = "unknown seed: " + m_options.seed;
+        return false;
+    }
+
+    m_exDataIndex = SSL_get_ex_new_index(0, nullptr, nullptr, nullptr, nullptr);
+    const std::string certificate = paths.certificate;
+    const std::string key = paths.key;
+    m_server = std::make_unique<httplib::SSLServer>([certificate, key](SSL_CTX& context) {
+        return SSL_CTX_use_certificate_chain_file(&context, certificate.c_str()) == 1
+               && SSL_CTX_use_PrivateKey_file(&context, key.c_str(), SSL_FILETYPE_PEM) == 1
+               && SSL_CTX_set_min_proto_version(&context, TLS1_2_VERSION) == 1;
+    });
+    if (!m_server->is_valid()) {
+        error = "cannot load the server certificate";
+        return false;
+    }
+    // Keep-alive connections stay open for as long as a client wants them.
+    m_server->set_keep_alive_max_count(1000000);
+    m_server->set_keep_alive_timeout(10);
+    // Headers and body go out in separate writes; without this each reply waits for a delayed ACK.
+    m_server->set_tcp_nodelay(true);
+    m_server->new_task_queue = [] { return new httplib::ThreadPool(32); };
+    m_server->set_pre_routing_handler(
+        [this](const Request& request, Response& response) { return PreRoute(request, response); });
+    m_server->set_post_routing_handler([this](const Request& request, Response& response) {
+        if (request.path.rfind("/admin/", 0) != 0 && !response.has_header("X-QM-Fault"))
+            LogRequest(request);
+    });
+    AddRoutes();
+    if (m_options.admin)
+        AddAdminRoutes();
+
+    m_port = m_options.port == 0 ? m_server->bind_to_any_port("127.0.0.1")
+                                 : (m_server->bind_to_port("127.0.0.1", m_options.port) ? m_options.port : -1);
+    if (m_port <= 0) {
+        error = "cannot bind 127.0.0.1:" + std::to_string(m_options.port);
+        return false;
+    }
+    return true;
+}
+
+void MemberServer::Run()
+{
+    m_server->listen_after_bind();
+}
+
+void MemberServer::Stop()
+{
+    m_stopping = true;
+    if (m_server)
+        m_server->stop();
+    // Idle kept-alive connections would otherwise hold their threads until they time out.
+    std::lock_guard<std::mutex> lock(m_socketMutex);
+    for (int socket : m_sockets)
+        ::shutdown(socket, SHUT_RDWR);
+}
+
+void MemberServer::SleepInterruptible(int milliseconds)
+{
+    const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(milliseconds);
+    while (!m_stopping && std::chrono::steady_clock::now() < until)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+}
+
+void MemberServer::CountConnection(const Request& request)
+{
+    // A mark on the TLS object tells a new connection from a kept-alive one.
+    auto* ssl = const_cast<SSL*>(request.ssl);
+    if (!ssl || SSL_get_ex_data(ssl, m_exDataIndex))
+        return;
+    SSL_set_ex_data(ssl, m_exDataIndex, this);
+    ++m_connections;
+    {
+        std::lock_guard<std::mutex> lock(m_socketMutex);
+        m_sockets.insert(SSL_get_fd(ssl));
+    }
+    if (SSL_session_reused(ssl))
+        ++m_resumed;
+}
+
+void MemberServer::LogRequest(const Request& request)
+{
+    const QJsonObject headers = SentHeaders(request.headers);
+    QJsonObject entry{{QStringLiteral("method"), Text(request.method)},
+                      {QStringLiteral("path"), Text(request.path)},
+                      {QStringLiteral("target"), Text(request.target)},
+                      {QStringLiteral("headers"), headers},
+                      {QStringLiteral("body"), Text(request.body)}};
+    std::lock_guard<std::mutex> lock(m_faultMutex);
+    m_requestLog.push_back(std::move(entry));
+    if (m_requestLog.size() > 200)
+        m_requestLog.pop_front();
+}
+
+Handled MemberServer::PreRoute(const Request& request, Response& response)
+{
+    ++m_requests;
+    CountConnection(request);
+    const bool adminPath = request.path.rfind("/admin/", 0) == 0;
+    if (adminPath)
+        return Handled::Unhandled; // unknown without --admin: no route answers
+
+    Fault fault;
+    {
+        std::lock_guard<std::mutex> lock(m_faultMutex);
+        auto found = m_faults.find(request.path);
+        if (found == m_faults.end())
+            return Handled::Unhandled;
+        fault = found->second;
+        if (found->second.times > 0 && --found->second.times == 0)
+            m_faults.erase(found);
+    }
+    if (fault.delayMs > 0)
+        SleepInterruptible(fault.delayMs);
+    const bool answers = fault.drop || fault.http > 0 || fault.malformed || fault.apiStatus >= 0 || fault.status >= 0;
+    if (!answers)
+        return Handled::Unhandled;
+    // The body of a request answered here is never read: close the connection
+    // rather than parse it as the next request. Routed requests are logged after routing.
+    LogRequest(request);
+    response.set_header("Connection", "close");
+    response.set_header("X-QM-Fault", "1");
+    if (fault.drop) {
+        if (request.ssl)
+            ::shutdown(SSL_get_fd(request.ssl), SHUT_RDWR);
+        return Handled::Handled;
+    }
+    if (fault.http > 0) {
+        response.status = fault.http;
+        response.set_content("{\"message\":\"injected\"}", "application/json");
+        return Handled::Handled;
+    }
+    if (fault.malformed) {
+        response.set_content("{\"apiStatus\":2,\"result\":{\"status\":2,\"data\":[1,", "application/json");
+        return Handled::Handled;
+    }
+    if (fault.apiStatus >= 0 || fault.status >= 0) {
+        SendEnvelope(request, response, fault.apiStatus >= 0 ? fault.apiStatus : 2,
+                     fault.status >= 0 ? fault.status : 2, QJsonObject());
+        return Handled::Handled;
+    }
+    return Handled::Unhandled;
+}
+
+bool MemberServer::ShouldCompress(const std::string& path)
+{
+    std::lock_guard<std::mutex> lock(m_faultMutex);
+    auto found = m_faults.find(path);
+    return found != m_faults.end() && found->second.compress;
+}
+
+void MemberServer::SendJson(Response& response, const QJsonObject& object, int http)
+{
+    response.status = http;
+    response.set_content(QJsonDocument(object).toJson(QJsonDocument::Compact).toStdString(), "application/json");
+}
+
+void MemberServer::SendEnvelope(const Request& request, Response& response, int apiStatus, int status,
+                                const QJsonValue& data)
+{
+    QJsonObject result{{QStringLiteral("status"), status}};
+    if (!data.isNull() && !data.isUndefined())
+        result.insert(QStringLiteral("data"), data);
+    QJsonObject envelope{{QStringLiteral("apiStatus"), apiStatus}};
+    if (ShouldCompress(request.path)) {
+        const QString compact = QString::fromUtf8(QJsonDocument(result).toJson(QJsonDocument::Compact));
+        envelope.insert(QStringLiteral("result"), LZStringEncoder::compressToUTF16(compact));
+    } else {
+        envelope.insert(QStringLiteral("result"), result);
+    }
+    SendJson(response, envelope);
+}
+
+void MemberServer::AddRoutes()
+{
+    auto root = [](const Request&, Response& response) { response.set_content("qmmember-server\n", "text/plain"); };
+    m_server->Get("/", root);
+
+    auto echo = [this](const Request& request, Response& response) {
+        const QJsonObject headers = SentHeaders(request.headers);
+        SendEnvelope(request, response, 2, 2,
+                     QJsonObject{{QStringLiteral("method"), Text(request.method)},
+                                 {QStringLiteral("path"), Text(request.path)},
+                                 {QStringLiteral("target"), Text(request.target)},
+                                 {QStringLiteral("headers"), headers},
+                                 {QStringLiteral("body"), Text(request.body)}});
+    };
+    m_server->Get("/qmtest/echo", echo);
+    m_server->Post("/qmtest/echo", echo);
+
+    m_server->Get("/qmtest/member", [this](const Request& request, Response& response) {
+        const std::string authorization = request.get_header_value("Authorization");
+        QString memberId;
+        const auto state = authorization.rfind("Token ", 0) == 0
+                               ? m_state.CheckAccess(Text(authorization.substr(6)), memberId)
+                               : ServerState::TokenState::Unknown;
+        if (state == ServerState::TokenState::Expired)
+            return SendEnvelope(request, response, 2, 6, QJsonValue());
+        if (state == ServerState::TokenState::Unknown)
+            return SendEnvelope(request, response, 2, 13, QJsonValue());
+        SendEnvelope(request, response, 2, 2, QJsonObject{{QStringLiteral("memberid"), memberId}});
+    });
+
+    m_server->Get("/qmtest/xml", [](const Request&, Response& response) {
+        response.set_content("<?xml version=\"1.0\"?><ProductService><Status>2</Status></ProductService>",
+                             "application/xml");
+    });
+
+    m_server->Post("/MemberAPI/Token",
+                   [this](const Request& request, Response& response) { HandleToken(request, response); });
+}
+
+void MemberServer::HandleToken(const Request& request, Response& response)
+{
+    const QString grant = ParseObject(request.body).value(QStringLiteral("grant_type")).toString();
+    auto fail = [&](int status) { SendJson(response, QJsonObject{{QStringLiteral("error"), status}}); };
+    auto grantTokens = [&](const ServerState::Tokens& tokens) {
+        SendJson(response, QJsonObject{{QStringLiteral("access_token"), tokens.access},
+                                       {QStringLiteral("refresh_token"), tokens.refresh},
+                                       {QStringLiteral("token_type"), QStringLiteral("Token")}});
+    };
+
+    if (grant == QLatin1String("refresh_token")) {
+        const QString refresh = Text(request.get_header_value("refresh_token"));
+        if (refresh.isEmpty())
+            return fail(kErrorBadParameters);
+        QString access;
+        if (!m_state.RefreshAccess(refresh, access))
+            return fail(kErrorUnknownToken);
+        // A new refresh token is offered too; the client keeps its old one.
+        return SendJson(response, QJsonObject{{QStringLiteral("access_token"), access},
+                                              {QStringLiteral("refresh_token"), QStringLiteral("unused-new-refresh")},
+                                              {QStringLiteral("token_type"), QStringLiteral("Token")}});
+    }
+    if (grant == QLatin1String("password")) {
+        // "Basic " + base64("launcher:" b64(email) ":" b64(password) ":" machine id ":" key ":" key)
+        const std::string authorization = request.get_header_value("Authorization");
+        if (authorization.rfind("Basic ", 0) != 0)
+            return fail(kErrorBadParameters);
+        const QList<QByteArray> parts =
+            QByteArray::fromBase64(QByteArray::fromStdString(authorization.substr(6))).split(':');
+        if (parts.size() != 6 || parts.at(0) != "launcher" || parts.at(3).isEmpty())
+            return fail(kErrorBadParameters);
+        const QString email = QString::fromUtf8(QByteArray::fromBase64(parts.at(1)));
+        const QString password = QString::fromUtf8(QByteArray::fromBase64(parts.at(2)));
+        ServerState::Member member;
+        if (email.isEmpty() || !m_state.CheckPassword(email, password, member))
+            return fail(kErrorBadCredentials);
+        return grantTokens(m_state.IssueTokens(member.id));
+    }
+    fail(kErrorBadParameters);
+}
+
+void MemberServer::AddAdminRoutes()
+{
+    m_server->Post("/admin/fault", [this](const Request& request, Response& response) {
+        const QJsonObject body = ParseObject(request.body);
+        const std::string path = body.value(QStringLiteral("path")).toString().toStdString();
+        if (path.empty() || path[0] != '/')
+            return SendJson(response, QJsonObject{{QStringLiteral("error"), QStringLiteral("path required")}}, 400);
+        Fault fault;
+        fault.apiStatus = body.value(QStringLiteral("apiStatus")).toInt(-1);
+        fault.status = body.value(QStringLiteral("status")).toInt(-1);
+        fault.http = body.value(QStringLiteral("http")).toInt(0);
+        fault.delayMs = body.value(QStringLiteral("delay_ms")).toInt(0);
+        fault.drop = body.value(QStringLiteral("drop")).toBool(false);
+        fault.malformed = body.value(QStringLiteral("malformed")).toBool(false);
+        fault.compress = body.value(QStringLiteral("compress")).toBool(false);
+        fault.times = body.value(QStringLiteral("times")).toInt(-1);
+        std::lock_guard<std::mutex> lock(m_faultMutex);
+        m_faults[path] = fault;
+        response.set_content("{\"ok\":true}", "application/json");
+    });
+    m_server->Post("/admin/reset", [this](const Request&, Response& response) {
+        std::lock_guard<std::mutex> lock(m_faultMutex);
+        m_faults.clear();
+        m_requestLog.clear();
+        m_connections = 0;
+        m_resumed = 0;
+        m_requests = 0;
+        response.set_content("{\"ok\":true}", "application/json");
+    });
+    m_server->Get("/admin/stats", [this](const Request&, Response& response) {
+        SendJson(response, QJsonObject{{QStringLiteral("connections"), double(m_connections)},
+                                       {QStringLiteral("resumed"), double(m_resumed)},
+                                       {QStringLiteral("requests"), double(m_requests)}});
+    });
+    m_server->Get("/admin/requests", [this](const Request& request, Response& response) {
+        const QString path = Text(request.get_param_value("path"));
+        QJsonArray list;
+        std::lock_guard<std::mutex> lock(m_faultMutex);
+        for (const QJsonObject& entry : m_requestLog) {
+            if (path.isEmpty() || entry.value(QStringLiteral("path")).toString() == path)
+                list.append(entry);
+        }
+        SendJson(response, QJsonObject{{QStringLiteral("requests"), list}});
+    });
+    m_server->Post("/admin/member", [this](const Request& request, Response& response) {
+        const QJsonObject body = ParseObject(request.body);
+        const QString email = body.value(QStringLiteral("email")).toString();
+        if (email.isEmpty())
+            return SendJson(response, QJsonObject{{QStringLiteral("error"), QStringLiteral("email required")}}, 400);
+        const ServerState::Member member = m_state.AddMember(email, body.value(QStringLiteral("password")).toString(),
+                                                             body.value(QStringLiteral("nickname")).toString());
+        SendJson(response, QJsonObject{{QStringLiteral("memberid"), member.id}});
+    });
+    // Hands a test a member's tokens without a sign-in; "ttl" 0 makes the access token expired.
+    m_server->Post("/admin/token", [this](const Request& request, Response& response) {
+        const QJsonObject body = ParseObject(request.body);
+        QString email = body.value(QStringLiteral("email")).toString();
+        if (email.isEmpty())
+            email = QStringLiteral("member@quillmarsh.test");
+        ServerState::Member member;
+        if (!m_state.FindMember(email, member))
+            member = m_state.AddMember(email, QString::fromLatin1(QByteArray::number(QRandomGenerator::global()->generate64())));
+        const ServerState::Tokens tokens = m_state.IssueTokens(member.id, body.value(QStringLiteral("ttl")).toInt(-1));
+        SendJson(response, QJsonObject{{QStringLiteral("memberid"), member.id},
+                                       {QStringLiteral("access_token"), tokens.access},
+                                       {QStringLiteral("refresh_token"), tokens.refresh}});
+    });
+}

@@ -1,0 +1,88 @@
+#pragma once
+
+#include "ServerState.h"
+
+#include <httplib.h>
+
+#include <QJsonObject>
+#include <QJsonValue>
+
+#include <atomic>
+#include <deque>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+
+struct ServerOptions {
+    int port = 0;
+    std::string stateDir;
+    bool admin = false;
+    int tokenTtlSeconds = 3600;
+    std::string seed;
+};
+
+// The member API over HTTPS on loopback, with fault injection for tests.
+class MemberServer
+{
+public:
+    explicit MemberServer(ServerOptions options);
+    ~MemberServer();
+
+    /// Binds 127.0.0.1 and prepares certificates and state; false with \a error on failure.
+    bool Start(std::string& error);
+    /// Serves until Stop() is called.
+    void Run();
+    void Stop();
+
+    int Port() const { return m_port; }
+    std::string CaFile() const { return m_caFile; }
+
+private:
+    // What a test asked the server to do to the requests of one path.
+    struct Fault {
+        int apiStatus = -1;
+        int status = -1;
+        int http = 0;
+        int delayMs = 0;
+        bool drop = false;
+        bool malformed = false;
+        bool compress = false;
+        int times = -1; // -1: until reset
+    };
+
+    httplib::Server::HandlerResponse PreRoute(const httplib::Request& request, httplib::Response& response);
+    void AddRoutes();
+    void AddAdminRoutes();
+
+    /// Writes {"apiStatus":…,"result":{"status":…,"data":…}}, with "result"
+    /// compressed when a fault asks for it.
+    void SendEnvelope(const httplib::Request& request, httplib::Response& response, int apiStatus, int status,
+                      const QJsonValue& data);
+    void SendJson(httplib::Response& response, const QJsonObject& object, int http = 200);
+    bool ShouldCompress(const std::string& path);
+    void SleepInterruptible(int milliseconds);
+    void CountConnection(const httplib::Request& request);
+    void LogRequest(const httplib::Request& request);
+
+    void HandleToken(const httplib::Request& request, httplib::Response& response);
+
+    ServerOptions m_options;
+    std::unique_ptr<httplib::SSLServer> m_server;
+    ServerState m_state;
+    int m_port = 0;
+    std::string m_caFile;
+    std::atomic<bool> m_stopping{false};
+
+    std::mutex m_faultMutex;
+    std::map<std::string, Fault> m_faults;
+    std::deque<QJsonObject> m_requestLog;
+
+    std::atomic<long> m_connections{0};
+    std::atomic<long> m_resumed{0};
+    std::atomic<long> m_requests{0};
+    int m_exDataIndex = -1;
+    std::mutex m_socketMutex;
+    std::set<int> m_sockets; // client sockets seen, shut down on Stop()
+};

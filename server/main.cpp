@@ -1,0 +1,107 @@
+// qmmember-server: the member API on 127.0.0.1 over HTTPS, for the demo and the tests.
+#include "MemberServer.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QJsonDocument>
+#include <QJsonObject>
+
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <iostream>
+#include <pthread.h>
+#include <thread>
+
+namespace {
+
+const char* const kUsage =
+    "usage: qmmember-server --state DIR [--port N] [--admin] [--token-ttl SECONDS] [--seed demo]\n"
+    "  --state DIR        certificates and the SQLite database live here (made when missing)\n"
+    "  --port N           port on 127.0.0.1; 0 (default) picks a free one\n"
+    "  --admin            answer the /admin/ endpoints (fault injection, tokens, stats)\n"
+    "  --token-ttl S      lifetime of access tokens in seconds (default 3600)\n"
+    "  --seed demo        create the demo member demo@quillmarsh.test / demo-password\n";
+
+bool ParseNumber(const char* text, int& value)
+{
+    char* end = nullptr;
+    const long number = std::strtol(text, &end, 10);
+    if (!*text || *end || number < 0 || number > 1000000000)
+        return false;
+    value = static_cast<int>(number);
+    return true;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    ServerOptions options;
+    for (int i = 1; i < argc; ++i) {
+        const std::string arg = argv[i];
+        const bool hasValue = i + 1 < argc;
+        if (arg == "--admin") {
+            options.admin = true;
+        } else if (arg == "--state" && hasValue) {
+            options.stateDir = argv[++i];
+        } else if (arg == "--port" && hasValue) {
+            if (!ParseNumber(argv[++i], options.port) || options.port > 65535) {
+                std::cerr << "qmmember-server: --port takes a number from 0 to 65535\n";
+                return 2;
+            }
+        } else if (arg == "--token-ttl" && hasValue) {
+            if (!ParseNumber(argv[++i], options.tokenTtlSeconds)) {
+                std::cerr << "qmmember-server: --token-ttl takes a number of seconds\n";
+                return 2;
+            }
+        } else if (arg == "--seed" && hasValue) {
+            options.seed = argv[++i];
+        } else if (arg == "--help" || arg == "-h") {
+            std::cout << kUsage;
+            return 0;
+        } else {
+            std::cerr << "qmmember-server: unknown or incomplete argument '" << arg << "'\n" << kUsage;
+            return 2;
+        }
+    }
+    if (options.stateDir.empty()) {
+        std::cerr << "qmmember-server: --state DIR is required\n" << kUsage;
+        return 2;
+    }
+    options.stateDir = QDir(QString::fromLocal8Bit(options.stateDir.c_str())).absolutePath().toStdString();
+
+    // Signals are taken by one thread with sigwait, so that stopping is an ordinary call.
+    sigset_t stopSignals;
+    sigemptyset(&stopSignals);
+    sigaddset(&stopSignals, SIGTERM);
+    sigaddset(&stopSignals, SIGINT);
+    pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+    std::signal(SIGPIPE, SIG_IGN);
+
+    MemberServer server(options);
+    std::string error;
+    if (!server.Start(error)) {
+        std::cerr << "qmmember-server: " << error << "\n";
+        return 1;
+    }
+    std::thread waiter([&server, stopSignals] {
+        int received = 0;
+        sigwait(&stopSignals, &received);
+        server.Stop();
+    });
+
+    const QJsonObject ready{{QStringLiteral("event"), QStringLiteral("ready")},
+                            {QStringLiteral("port"), server.Port()},
+                            {QStringLiteral("ca"), QString::fromStdString(server.CaFile())},
+                            {QStringLiteral("pid"), static_cast<int>(::getpid())}};
+    std::cout << QJsonDocument(ready).toJson(QJsonDocument::Compact).toStdString() << std::endl;
+
+    server.Run();
+    // Run() also ends if the listener fails; wake the waiter so that it can be joined.
+    ::kill(::getpid(), SIGTERM);
+    waiter.join();
+    std::cerr << "qmmember-server: stopped\n";
+    return 0;
+}

@@ -1,0 +1,16 @@
+#include <QMMemberWebService.h>
+#include <QMQApplicationAgent.h>
+#include <QMRegistryAgent.h>
+
+#include <cstdio>
+
+int main()
+{
+    static QMRegistryTool::CQMRegistryAgent agent;
+    CQMMemberWebService::SetRegistryInterface(&agent);
+    CQMMemberWebService service(L"SOFTWARE\\Quillmarsh\\Tiny", false, 10000, 0);
+    const bool ok = service.GetErrorCodeString(-12) == L"Parse Content Fail"
+                    && service.GetHttpRequestUserAgent() == L"UnknowAgent" && CQMQApplicationAgent::IsStartingUp();
+    std::printf("%s\n", ok ? "1 passed, 0 failed" : "0 passed, 1 failed");
+    return ok ? 0 : 1;
+}

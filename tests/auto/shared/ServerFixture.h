@@ -1,0 +1,56 @@
+#pragma once
+
+#include <QJsonObject>
+#include <QProcess>
+#include <QString>
+#include <QStringList>
+#include <QTemporaryDir>
+
+#include <memory>
+
+// Starts qmmember-server on an ephemeral loopback port with its own state
+// folder, waits for its ready line, and stops it on destruction.
+class ServerFixture
+{
+public:
+    ServerFixture() = default;
+    ~ServerFixture();
+
+    /// Starts the server; extra arguments follow --state and --admin.
+    bool Start(const QStringList& extraArguments = {});
+    void Stop();
+
+    int Port() const { return m_port; }
+    QString Host() const { return QStringLiteral("127.0.0.1:%1").arg(m_port); }
+    QString CaFile() const { return m_caFile; }
+
+    /// Points the library at this server: QM_API_HOST, QM_WEB_HOST, QM_CA_FILE.
+    void Export() const;
+
+    /// Calls an admin endpoint; GET when \a body is empty.
+    QJsonObject Admin(const QString& path, const QJsonObject& body = QJsonObject()) const;
+    void Reset() const { Admin(QStringLiteral("/admin/reset"), QJsonObject{{QStringLiteral("all"), true}}); }
+    void Fault(const QJsonObject& fault) const { Admin(QStringLiteral("/admin/fault"), fault); }
+    long Connections() const;
+    /// The requests the server saw on \a path, oldest first.
+    QList<QJsonObject> Requests(const QString& path) const;
+
+    static QString ServerBinary();
+
+private:
+    std::unique_ptr<QTemporaryDir> m_state;
+    QProcess m_process;
+    int m_port = 0;
+    QString m_caFile;
+};
+
+// A per-test store folder: QM_REGISTRY_DIR points into a fresh temporary directory.
+class StoreFolder
+{
+public:
+    StoreFolder();
+    QString Path() const { return m_dir.path(); }
+
+private:
+    QTemporaryDir m_dir;
+};

@@ -1,0 +1,251 @@
+#include "ServerFixture.h"
+#include "qmnetwork/HttpRequest.h"
+#include "qmnetwork/QMNetworkCenter.h"
+#include "registry/RegistryStore.h"
+
+#include <QElapsedTimer>
+#include <QJsonDocument>
+#include <QThread>
+#include <QtTest>
+
+#include <atomic>
+
+class TestTransport : public QObject
+{
+    Q_OBJECT
+
+private:
+    StoreFolder m_store;
+    ServerFixture m_server;
+    std::wstring m_host;
+
+    bool Get(CHttpRequest& request, const wchar_t* path, unsigned int timeoutMs = 10000)
+    {
+        std::wstring reply;
+        std::wstring headers;
+        return request.GetSync(m_host.c_str(), path, reply, headers, nullptr, timeoutMs, false, L"application/json",
+                               nullptr);
+    }
+
+private slots:
+    void initTestCase()
+    {
+        QVERIFY(m_server.Start());
+        m_server.Export();
+        m_host = m_server.Host().toStdWString();
+    }
+    void init() { m_server.Reset(); }
+
+    void completedExchanges_data()
+    {
+        QTest::addColumn<int>("http");
+        QTest::addColumn<unsigned int>("netError");
+        QTest::newRow("200") << 0 << 0u;
+        QTest::newRow("404") << 404 << 404u;
+        QTest::newRow("499") << 499 << 499u;
+        QTest::newRow("503") << 503 << 503u;
+    }
+    void completedExchanges()
+    {
+        QFETCH(int, http);
+        QFETCH(unsigned int, netError);
+        if (http)
+            m_server.Fault({{"path", "/qmtest/echo"}, {"http", http}});
+        for (const char* method : {"GET", "POST"}) {
+            CHttpRequest request(nullptr, true);
+            std::wstring reply;
+            std::wstring headers;
+            const bool ok = QByteArray(method) == "GET"
+                                ? Get(request, L"/qmtest/echo")
+                                : request.PostSync(m_host.c_str(), L"/qmtest/echo", "{}", reply, headers, 10000,
+                                                   false, L"application/json", nullptr, false);
+            QVERIFY2(ok, method);
+            QCOMPARE(request.GetNetLastError(), netError);
+            QVERIFY(!request.GetReturnData().empty());
+        }
+    }
+
+    void failedExchanges_data()
+    {
+        QTest::addColumn<QString>("kind");
+        QTest::addColumn<unsigned int>("netError");
+        QTest::newRow("refused") << "refused" << unsigned(QMNet::CannotConnect);
+        QTest::newRow("dropped") << "drop" << unsigned(QMNet::ConnectionAborted);
+        QTest::newRow("time limit") << "delay" << unsigned(QMNet::Timeout);
+        QTest::newRow("untrusted certificate") << "certificate" << unsigned(QMNet::InvalidCertificate);
+    }
+    void failedExchanges()
+    {
+        QFETCH(QString, kind);
+        QFETCH(unsigned int, netError);
+        ServerFixture other;
+        std::wstring host = m_host;
+        if (kind == "refused") {
+            host = L"127.0.0.1:1"; // nothing listens on port 1
+        } else if (kind == "certificate") {
+            QVERIFY(other.Start()); // its CA is not trusted here
+            host = other.Host().toStdWString();
+        } else if (kind == "drop") {
+            m_server.Fault({{"path", "/qmtest/echo"}, {"drop", true}});
+        } else {
+            m_server.Fault({{"path", "/qmtest/echo"}, {"delay_ms", 5000}});
+        }
+        CHttpRequest request(nullptr, true);
+        std::wstring reply;
+        std::wstring headers;
+        QElapsedTimer clock;
+        clock.start();
+        QVERIFY(!request.GetSync(host.c_str(), L"/qmtest/echo", reply, headers, nullptr, 300, false, nullptr, nullptr));
+        QVERIFY2(clock.elapsed() < 1000, qPrintable(QString::number(clock.elapsed())));
+        QCOMPARE(request.GetNetLastError(), netError);
+
+        // The asynchronous road reports the same number.
+        CHttpRequest async(nullptr, false);
+        QSignalSpy errors(&async, &CHttpRequest::ErrorAsync);
+        async.GetAsync(host, L"/qmtest/echo", 300, false, L"application/json");
+        QVERIFY(errors.wait(5000));
+        QCOMPARE(errors.first().first().toUInt(), netError);
+    }
+
+    void syncNeverRunsTheEventLoop()
+    {
+        bool fired = false;
+        QTimer::singleShot(0, this, [&] { fired = true; });
+        m_server.Fault({{"path", "/qmtest/echo"}, {"delay_ms", 100}});
+        CHttpRequest request(nullptr, true);
+        QVERIFY(Get(request, L"/qmtest/echo"));
+        QVERIFY(!fired);
+        QTRY_VERIFY(fired);
+
+        // And from a thread of its own.
+        std::atomic<bool> ok{false};
+        QThread* worker = QThread::create([&] {
+            CHttpRequest inThread(nullptr, true);
+            ok = Get(inThread, L"/qmtest/echo");
+        });
+        worker->start();
+        QVERIFY(worker->wait(10000));
+        delete worker;
+        QVERIFY(ok);
+    }
+
+    void asyncCompletesOnOwningThread()
+    {
+        constexpr int kCount = 100;
+        QThread worker;
+        worker.start();
+        std::vector<std::unique_ptr<CHttpRequest>> requests;
+        std::map<CHttpRequest*, int> finished;
+        int wrongThread = 0;
+        int done = 0;
+        for (int i = 0; i < kCount; ++i) {
+            auto request = std::make_unique<CHttpRequest>(nullptr, false);
+            CHttpRequest* raw = request.get();
+            // Half live in this thread, half in a worker with its own loop.
+            if (i % 2)
+                raw->moveToThread(&worker);
+            connect(
+                raw, &CHttpRequest::FinishedAsync, raw,
+                [&, raw](std::wstring) {
+                    if (QThread::currentThread() != raw->thread())
+                        ++wrongThread;
+                    QMetaObject::invokeMethod(this, [&, raw] {
+                        ++finished[raw];
+                        ++done;
+                    });
+                },
+                Qt::DirectConnection);
+            requests.push_back(std::move(request));
+        }
+        for (int i = 0; i < kCount; ++i) {
+            CHttpRequest* raw = requests[i].get();
+            QMetaObject::invokeMethod(raw, [this, raw] { raw->GetAsync(m_host, L"/qmtest/echo", 10000, false, L""); });
+        }
+        QTRY_COMPARE_WITH_TIMEOUT(done, kCount, 20000);
+        QTest::qWait(50); // nothing arrives twice
+        QCOMPARE(done, kCount);
+        QCOMPARE(int(finished.size()), kCount);
+        QCOMPARE(wrongThread, 0);
+        for (auto& request : requests) {
+            if (request->thread() != thread())
+                QMetaObject::invokeMethod(request.release(), &QObject::deleteLater);
+        }
+        worker.quit();
+        worker.wait();
+    }
+
+    void deletingInFlightIsSafe()
+    {
+        m_server.Fault({{"path", "/qmtest/echo"}, {"delay_ms", 200}});
+        auto* request = new CHttpRequest(nullptr, false);
+        request->GetAsync(m_host, L"/qmtest/echo", 5000, false, L"");
+        delete request;
+        QTest::qWait(400);
+        auto* ended = new CHttpRequest(nullptr, false);
+        QSignalSpy destroyed(ended, &QObject::destroyed);
+        ended->GetAsync(m_host, L"/qmtest/echo", 5000, false, L"");
+        ended->EndSocketThread();
+        QVERIFY(destroyed.wait(2000));
+    }
+
+    void connectionsAreReused()
+    {
+        for (int i = 0; i < 1000; ++i) {
+            CHttpRequest request(nullptr, true);
+            QVERIFY(Get(request, L"/"));
+        }
+        const long connections = m_server.Connections();
+        QVERIFY2(connections <= 3, qPrintable(QString::number(connections)));
+    }
+
+    void headersReachTheServer()
+    {
+        CHttpRequest request(nullptr, true);
+        request.AddRawHeader(L"User-Agent", L"Pro/8.1");
+        request.AddRawHeader(L"X-Unicode", L"caf\u00e9");
+        std::wstring reply;
+        std::wstring headers;
+        QVERIFY(request.PostSync(m_host.c_str(), L"/qmtest/echo", "{\"x\":1}", reply, headers, 5000, false,
+                                 L"application/json", nullptr, false));
+        const QJsonObject seen = m_server.Requests("/qmtest/echo").last();
+        QCOMPARE(seen.value("method").toString(), QStringLiteral("POST"));
+        QCOMPARE(seen.value("body").toString(), QStringLiteral("{\"x\":1}"));
+        const QJsonObject sent = seen.value("headers").toObject();
+        QCOMPARE(sent.value("User-Agent").toString(), QStringLiteral("Pro/8.1"));
+        QCOMPARE(sent.value("Content-Type").toString(), QStringLiteral("application/json"));
+        QVERIFY(!sent.contains("Expect"));
+        // Headers belong to one exchange only.
+        QVERIFY(Get(request, L"/qmtest/echo"));
+        QVERIFY(!m_server.Requests("/qmtest/echo").last().value("headers").toObject().contains("X-Unicode"));
+        QVERIFY(request.HeadSync(m_host.c_str(), L"/", reply, headers, 5000, false, nullptr, nullptr, false));
+        QVERIFY(reply.empty());
+    }
+
+    void networkCenter()
+    {
+        CQMNetworkCenter::SaveProxyData(L"proxy-user", L"proxy-secret", true);
+        std::wstring account;
+        std::wstring password;
+        QVERIFY(CQMNetworkCenter::GetProxyData(account, password, true));
+        QVERIFY(account == L"proxy-user" && password == L"proxy-secret");
+        QCOMPARE(QMRegistryTool::Store::Read(true, "SOFTWARE\\Quillmarsh\\Network", "ProxyAccount").toString(),
+                 QStringLiteral("proxy-user"));
+        CQMNetworkCenter::SaveProxyData(L"", L"", true);
+        QVERIFY(!CQMNetworkCenter::GetUsingExternalProxyDialog());
+
+        CQMNetworkCenter::SetProbeHost(m_host);
+        QVERIFY(CQMNetworkCenter::IsInternetConnectionActive(2000, false, false));
+        CQMNetworkCenter::SetProbeHost(L"127.0.0.1:1");
+        QVERIFY(!CQMNetworkCenter::IsInternetConnectionActive(2000, false, false));
+
+        // The static setter trusts a CA without the environment.
+        qunsetenv("QM_CA_FILE");
+        CQMNetworkCenter::SetExtraCAFile(m_server.CaFile().toStdWString());
+        CHttpRequest request(nullptr, true);
+        QVERIFY(Get(request, L"/"));
+        QCOMPARE(QString::fromStdWString(CQMNetworkCenter::GetExtraCAFile()), m_server.CaFile());
+    }
+};
+
+QTEST_GUILESS_MAIN(TestTransport)
+#include "tst_transport.moc"

@@ -1,0 +1,431 @@
+// qmmember: the command-line host of QMMemberWebService, for developers,
+// installers and scripts. Readable output by default, --json for scripts.
+#include "QMMemberWebService.h"
+
+#include "LZString/LZString.h"
+#include "QMMemberWebService/Cache.h"
+#include "qmnetwork/HttpRequest.h"
+#include "registry/QMRegistryAgent.h"
+#include "registry/RegistryStore.h"
+
+#include <QCoreApplication>
+#include <QFile>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QStringList>
+#include <QTextStream>
+
+#include <cstdio>
+#include <functional>
+#include <map>
+
+namespace {
+
+const char* const kUsage = R"(usage: qmmember [--json] COMMAND ...
+
+  info [--product-key KEY] [--store-build] [--target N]
+                               hosts, machine identity, user agent, product values
+  store get HIVE KEY NAME      read a value of the per-user store (HIVE: HKCU or HKLM)
+  store set HIVE KEY NAME VALUE [--dword]
+                               write a string (or, with --dword, a number)
+  store delete HIVE KEY NAME   delete a value
+  get PATH [--login] [--timeout MS] [--product-key KEY]
+                               one GET to the API host through the request pipeline
+  post PATH BODY [--login] [--timeout MS] [--product-key KEY]
+                               one POST with a JSON body
+  lz decode FILE [--json-string]
+                               decode an lz-string UTF-16 text (UTF-16LE bytes, or a JSON string)
+  urlscheme encode TEXT | decode TOKEN
+  cache path | show NAME | clear NAME
+
+Hosts come from QM_API_HOST / QM_WEB_HOST when set; QM_CA_FILE adds a trusted CA;
+QM_REGISTRY_DIR moves the per-user store.
+)";
+
+// Values that hold secrets are never printed.
+bool IsSecretName(const QString& name)
+{
+    const QString folded = name.toCaseFolded();
+    return folded.contains(QLatin1String("token")) || folded.contains(QLatin1String("password"));
+}
+
+class Output
+{
+public:
+    explicit Output(bool json)
+        : m_json(json)
+    {
+    }
+
+    void Field(const QString& label, const QJsonValue& value)
+    {
+        m_object.insert(label, value);
+        m_order.append(label);
+    }
+
+    // Prints the fields, as one JSON object or as aligned lines.
+    void Print()
+    {
+        QTextStream out(stdout);
+        out.setCodec("UTF-8");
+        if (m_json) {
+            out << QJsonDocument(m_object).toJson(QJsonDocument::Compact) << '\n';
+            return;
+        }
+        int width = 0;
+        for (const QString& label : m_order)
+            width = qMax(width, label.size());
+        for (const QString& label : m_order) {
+            const QJsonValue value = m_object.value(label);
+            const QString text = value.isNull()   ? QStringLiteral("(not set)")
+                                 : value.isString() ? value.toString()
+                                 : value.isBool() ? QLatin1String(value.toBool() ? "true" : "false")
+                                                  : QString::number(value.toDouble(), 'g', 15);
+            out << label.leftJustified(width) << "  " << text << '\n';
+        }
+    }
+
+private:
+    bool m_json;
+    QJsonObject m_object;
+    QStringList m_order;
+};
+
+void Error(const QString& message)
+{
+    QTextStream err(stderr);
+    err << "qmmember: " << message << '\n';
+}
+
+struct Arguments {
+    QStringList positional;
+    QMap<QString, QString> options;
+    bool Flag(const QString& name) const { return options.contains(name); }
+    QString Value(const QString& name, const QString& fallback = QString()) const
+    {
+        return options.value(name, fallback);
+    }
+};
+
+// Splits arguments into positional ones and --options; \a valued names take a value.
+bool Parse(const QStringList& args, const QStringList& valued, Arguments& parsed)
+{
+    for (int i = 0; i < args.size(); ++i) {
+        const QString& arg = args.at(i);
+        if (!arg.startsWith(QLatin1String("--"))) {
+            parsed.positional.append(arg);
+            continue;
+        }
+        if (valued.contains(arg)) {
+            if (i + 1 >= args.size()) {
+                Error(arg + " needs a value");
+                return false;
+            }
+            parsed.options.insert(arg, args.at(++i));
+        } else {
+            parsed.options.insert(arg, QString());
+        }
+    }
+    return true;
+}
+
+bool ParseHive(const QString& text, bool& currentUser)
+{
+    const QString hive = text.toUpper();
+    if (hive == QLatin1String("HKCU") || hive == QLatin1String("HKEY_CURRENT_USER")) {
+        currentUser = true;
+        return true;
+    }
+    if (hive == QLatin1String("HKLM") || hive == QLatin1String("HKEY_LOCAL_MACHINE")) {
+        currentUser = false;
+        return true;
+    }
+    Error(QStringLiteral("unknown hive '%1': use HKCU or HKLM").arg(text));
+    return false;
+}
+
+bool ParseInt(const QString& text, const QString& what, int& value)
+{
+    bool ok = false;
+    value = text.toInt(&ok, 10);
+    if (!ok)
+        Error(QStringLiteral("%1 must be a whole number, not '%2'").arg(what, text));
+    return ok;
+}
+
+QString ResultText(CQMMemberWebService& service, int code)
+{
+    return QString::number(code) + QLatin1String(" (") + QString::fromStdWString(service.GetErrorCodeString(code))
+           + QLatin1Char(')');
+}
+
+// A one-line hint for the results that have an obvious next step.
+QString Hint(int code)
+{
+    switch (code) {
+    case CQMMemberWebService::WS_CONNECTION_FAILED:
+        return QStringLiteral("server unreachable: is qmmember-server running, and QM_API_HOST / QM_CA_FILE set?");
+    case CQMMemberWebService::WS_PARSE_CONTENT_FAIL:
+        return QStringLiteral("the reply was not the service's JSON envelope");
+    case CQMMemberWebService::WS_UNEXPECT_FAIL:
+        return QStringLiteral("if the call needs a login: sign in first");
+    case CQMMemberWebService::WS_SERVER_BUSY:
+        return QStringLiteral("the server is busy: try again later");
+    default:
+        return QString();
+    }
+}
+
+int Info(const Arguments& args, bool json)
+{
+    const QString key = args.Value(QStringLiteral("--product-key"));
+    int target = 0;
+    if (args.Flag(QStringLiteral("--target")) && !ParseInt(args.Value(QStringLiteral("--target")), "--target", target))
+        return 2;
+    CQMMemberWebService service(key.toStdWString(), args.Flag(QStringLiteral("--store-build")), 10000, target);
+    Output out(json);
+    out.Field(QStringLiteral("web_host"), QString::fromStdWString(service.GetWebHost()));
+    out.Field(QStringLiteral("api_host"), QString::fromStdWString(service.GetApiHost()));
+    out.Field(QStringLiteral("machine_id"), QString::fromStdWString(service.GetMachineID()));
+    out.Field(QStringLiteral("user_agent"), QString::fromStdWString(service.GetHttpRequestUserAgent()));
+    const std::pair<const char*, CQMMemberWebService::EWSResult (CQMMemberWebService::*)(std::wstring&)> values[] = {
+        {"product_name", &CQMMemberWebService::GetProductName},
+        {"product_build", &CQMMemberWebService::GetProductBuild},
+        {"check_update_edition", &CQMMemberWebService::GetCheckUpdateEdition},
+        {"version_code", &CQMMemberWebService::GetVersionCode},
+        {"language_id", &CQMMemberWebService::GetLanguageID},
+        {"language_pack_path", &CQMMemberWebService::GetLanguagePackPath},
+    };
+    for (const auto& [label, getter] : values) {
+        std::wstring value;
+        const bool found = (service.*getter)(value) == CQMMemberWebService::WS_OK;
+        out.Field(QLatin1String(label), found ? QJsonValue(QString::fromStdWString(value)) : QJsonValue());
+    }
+    out.Field(QStringLiteral("locale_language_id"), service.GetLocaleLanguageID());
+    out.Field(QStringLiteral("store_folder"), QMRegistryTool::Store::Folder());
+    out.Print();
+    return 0;
+}
+
+int Store(const Arguments& args, bool json)
+{
+    const QStringList& p = args.positional;
+    const QString verb = p.value(0);
+    const int needed = verb == QLatin1String("set") ? 5 : 4;
+    if ((verb != QLatin1String("get") && verb != QLatin1String("set") && verb != QLatin1String("delete"))
+        || p.size() != needed) {
+        Error(QStringLiteral("usage: qmmember store get|delete HIVE KEY NAME, or store set HIVE KEY NAME VALUE"));
+        return 2;
+    }
+    bool currentUser = true;
+    if (!ParseHive(p.at(1), currentUser))
+        return 2;
+    QMRegistryTool::CQMRegistryAgent agent;
+    const std::wstring key = p.at(2).toStdWString();
+    const std::wstring name = p.at(3).toStdWString();
+    Output out(json);
+    if (verb == QLatin1String("get")) {
+        std::wstring value;
+        if (!agent.ReadString(currentUser, key, name, value)) {
+            Error(QStringLiteral("no value '%1' under %2").arg(p.at(3), p.at(2)));
+            return 1;
+        }
+        const QString text = QString::fromStdWString(value);
+        out.Field(QStringLiteral("value"), IsSecretName(p.at(3))
+                                               ? QStringLiteral("<hidden: %1 characters>").arg(text.size())
+                                               : text);
+    } else if (verb == QLatin1String("set")) {
+        bool ok = false;
+        if (args.Flag(QStringLiteral("--dword"))) {
+            int number = 0;
+            if (!ParseInt(p.at(4), QStringLiteral("a --dword value"), number))
+                return 2;
+            ok = agent.WriteNumber(currentUser, key, name, number);
+        } else {
+            ok = agent.WriteString(currentUser, key, name, p.at(4).toStdWString());
+        }
+        if (!ok) {
+            Error(QStringLiteral("cannot write to the store in %1").arg(QMRegistryTool::Store::Folder()));
+            return 1;
+        }
+        out.Field(QStringLiteral("written"), true);
+    } else {
+        if (!agent.DeleteValue(currentUser, key, name)) {
+            Error(QStringLiteral("no value '%1' under %2").arg(p.at(3), p.at(2)));
+            return 1;
+        }
+        out.Field(QStringLiteral("deleted"), true);
+    }
+    out.Print();
+    return 0;
+}
+
+int Request(const Arguments& args, bool json, bool post)
+{
+    const QStringList& p = args.positional;
+    if (p.size() != (post ? 2 : 1) || !p.at(0).startsWith(QLatin1Char('/'))) {
+        Error(post ? QStringLiteral("usage: qmmember post /PATH BODY [--login] [--timeout MS]")
+                   : QStringLiteral("usage: qmmember get /PATH [--login] [--timeout MS]"));
+        return 2;
+    }
+    int timeout = 30000;
+    if (args.Flag(QStringLiteral("--timeout"))
+        && !ParseInt(args.Value(QStringLiteral("--timeout")), QStringLiteral("--timeout"), timeout))
+        return 2;
+    const QString key = args.Value(QStringLiteral("--product-key"));
+    CQMMemberWebService service(key.toStdWString(), false, 10000, 0);
+    std::wstring resultText;
+    const int code = service.GeneralSyncApiRequest(p.at(0).toStdWString(), args.Flag(QStringLiteral("--login")),
+                                                   post ? p.at(1).toStdString() : std::string(), resultText,
+                                                   timeout);
+    Output out(json);
+    out.Field(QStringLiteral("result"), code);
+    // Success has no text of its own ("Unexpect Fail" is the default branch).
+    out.Field(QStringLiteral("text"), code == CQMMemberWebService::WS_OK
+                                          ? QStringLiteral("OK")
+                                          : QString::fromStdWString(service.GetErrorCodeString(code)));
+    out.Field(QStringLiteral("data"), QString::fromStdWString(resultText));
+    const QString hint = Hint(code);
+    if (code != CQMMemberWebService::WS_OK && !hint.isEmpty())
+        out.Field(QStringLiteral("hint"), hint);
+    out.Print();
+    return code == CQMMemberWebService::WS_OK ? 0 : 1;
+}
+
+int Lz(const Arguments& args, bool json)
+{
+    const QStringList& p = args.positional;
+    if (p.size() != 2 || p.at(0) != QLatin1String("decode")) {
+        Error(QStringLiteral("usage: qmmember lz decode FILE [--json-string]"));
+        return 2;
+    }
+    QFile file(p.at(1));
+    if (!file.open(QIODevice::ReadOnly)) {
+        Error(QStringLiteral("cannot read %1: %2").arg(p.at(1), file.errorString()));
+        return 1;
+    }
+    const QByteArray bytes = file.readAll();
+    QString compressed;
+    if (args.Flag(QStringLiteral("--json-string"))) {
+        // A JSON string literal, as it stands in a reply's "result".
+        const QJsonDocument document = QJsonDocument::fromJson("[" + bytes.trimmed() + "]");
+        if (!document.isArray() || !document.array().at(0).isString()) {
+            Error(QStringLiteral("%1 does not hold one JSON string").arg(p.at(1)));
+            return 1;
+        }
+        compressed = document.array().at(0).toString();
+    } else {
+        if (bytes.size() % 2 != 0) {
+            Error(QStringLiteral("%1 has an odd number of bytes: not UTF-16LE").arg(p.at(1)));
+            return 1;
+        }
+        compressed.resize(bytes.size() / 2);
+        for (int i = 0; i < compressed.size(); ++i)
+            compressed[i] = QChar(static_cast<ushort>(uchar(bytes[2 * i]) | uchar(bytes[2 * i + 1]) << 8));
+    }
+    const QString text = LZString::decompressFromUTF16(compressed);
+    if (text.isNull()) {
+        Error(QStringLiteral("corrupt stream: a back-reference points outside the dictionary"));
+        return 1;
+    }
+    if (json) {
+        Output out(true);
+        out.Field(QStringLiteral("text"), text);
+        out.Print();
+    } else {
+        QTextStream out(stdout);
+        out.setCodec("UTF-8");
+        out << text << '\n';
+    }
+    if (text.isEmpty() && !compressed.isEmpty())
+        Error(QStringLiteral("the stream ends before its end marker, or encodes an empty text"));
+    return 0;
+}
+
+int UrlScheme(const Arguments& args, bool json)
+{
+    const QStringList& p = args.positional;
+    if (p.size() != 2 || (p.at(0) != QLatin1String("encode") && p.at(0) != QLatin1String("decode"))) {
+        Error(QStringLiteral("usage: qmmember urlscheme encode TEXT | decode TOKEN"));
+        return 2;
+    }
+    const bool encode = p.at(0) == QLatin1String("encode");
+    const QString result =
+        encode ? CQMMemberWebService::EncryptUrlScheme(p.at(1)) : CQMMemberWebService::DecryptUrlScheme(p.at(1));
+    if (result.isEmpty()) {
+        Error(encode ? QStringLiteral("nothing to encode")
+                     : QStringLiteral("not a token: it must be uppercase hexadecimal of even length"));
+        return 1;
+    }
+    Output out(json);
+    out.Field(encode ? QStringLiteral("token") : QStringLiteral("text"), result);
+    out.Print();
+    return 0;
+}
+
+int Cache(const Arguments& args, bool json)
+{
+    const QStringList& p = args.positional;
+    const QString verb = p.value(0);
+    Output out(json);
+    if (verb == QLatin1String("path") && p.size() == 1) {
+        out.Field(QStringLiteral("path"), CQMMemberWebService::GetCacheFolderPath());
+    } else if (verb == QLatin1String("show") && p.size() == 2) {
+        if (!QMCache::Exists(p.at(1))) {
+            Error(QStringLiteral("no cache file '%1' in %2").arg(p.at(1), CQMMemberWebService::GetCacheFolderPath()));
+            return 1;
+        }
+        out.Field(QStringLiteral("name"), p.at(1));
+        out.Field(QStringLiteral("expired"), QMCache::Expired(p.at(1)));
+        out.Field(QStringLiteral("content"), QMCache::Content(p.at(1)));
+    } else if (verb == QLatin1String("clear") && p.size() == 2) {
+        if (!QMCache::Clear(p.at(1))) {
+            Error(QStringLiteral("cannot delete '%1'").arg(p.at(1)));
+            return 1;
+        }
+        out.Field(QStringLiteral("cleared"), p.at(1));
+    } else {
+        Error(QStringLiteral("usage: qmmember cache path | show NAME | clear NAME"));
+        return 2;
+    }
+    out.Print();
+    return 0;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    QCoreApplication application(argc, argv);
+    QStringList args = application.arguments().mid(1);
+    const bool json = args.removeAll(QStringLiteral("--json")) > 0;
+    if (args.isEmpty() || args.first() == QLatin1String("--help") || args.first() == QLatin1String("help")) {
+        std::fputs(kUsage, args.isEmpty() ? stderr : stdout);
+        return args.isEmpty() ? 2 : 0;
+    }
+    static QMRegistryTool::CQMRegistryAgent agent;
+    CQMMemberWebService::SetRegistryInterface(&agent);
+
+    const QString command = args.takeFirst();
+    Arguments parsed;
+    if (!Parse(args, {QStringLiteral("--product-key"), QStringLiteral("--target"), QStringLiteral("--timeout")},
+               parsed))
+        return 2;
+    const std::map<QString, std::function<int()>> commands = {
+        {QStringLiteral("info"), [&] { return Info(parsed, json); }},
+        {QStringLiteral("store"), [&] { return Store(parsed, json); }},
+        {QStringLiteral("get"), [&] { return Request(parsed, json, false); }},
+        {QStringLiteral("post"), [&] { return Request(parsed, json, true); }},
+        {QStringLiteral("lz"), [&] { return Lz(parsed, json); }},
+        {QStringLiteral("urlscheme"), [&] { return UrlScheme(parsed, json); }},
+        {QStringLiteral("cache"), [&] { return Cache(parsed, json); }},
+    };
+    auto found = commands.find(command);
+    if (found == commands.end()) {
+        Error(QStringLiteral("unknown command '%1'").arg(command));
+        std::fputs(kUsage, stderr);
+        return 2;
+    }
+    return found->second();
+}
