@@ -1,0 +1,154 @@
+#include "LZString/LZString.h"
+
+#include <QCryptographicHash>
+#include <QFile>
+#include <QtTest>
+
+namespace {
+
+QString ReadUtf16(const QString& file)
+{
+    QFile in(file);
+    if (!in.open(QIODevice::ReadOnly))
+        return QString();
+    const QByteArray bytes = in.readAll();
+    return QString(reinterpret_cast<const QChar*>(bytes.constData()), bytes.size() / 2);
+}
+
+// Builds a stream as the encoder would: numbers least significant bit first,
+// 15 bits to a character, offset by 32.
+class Stream
+{
+public:
+    Stream& Bits(int value, int count)
+    {
+        for (int i = 0; i < count; ++i) {
+            m_value = (m_value << 1) | ((value >> i) & 1);
+            if (++m_position == 15) {
+                m_text.append(QChar(ushort(m_value + 32)));
+                m_value = 0;
+                m_position = 0;
+            }
+        }
+        return *this;
+    }
+    QString Done()
+    {
+        QString text = m_text;
+        if (m_position > 0)
+            text.append(QChar(ushort((m_value << (15 - m_position)) + 32)));
+        return text;
+    }
+
+private:
+    QString m_text;
+    int m_value = 0;
+    int m_position = 0;
+};
+
+} // namespace
+
+class TestLZString : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void referenceVectors_data()
+    {
+        QTest::addColumn<QString>("file");
+        QTest::addColumn<QString>("kind");
+        QTest::addColumn<int>("length");
+        QTest::addColumn<QByteArray>("sha256");
+        QFile manifest(QStringLiteral(QM_TEST_DATA "/lzstring/manifest.tsv"));
+        QVERIFY(manifest.open(QIODevice::ReadOnly | QIODevice::Text));
+        while (!manifest.atEnd()) {
+            const QList<QByteArray> columns = manifest.readLine().trimmed().split('\t');
+            if (columns.size() < 3 || columns.at(0).startsWith('#'))
+                continue;
+            QTest::newRow(columns.at(0).constData())
+                << QStringLiteral(QM_TEST_DATA "/lzstring/") + QString::fromLatin1(columns.at(0)) + ".bin"
+                << QString::fromLatin1(columns.at(1)) << columns.at(2).toInt() << columns.value(3);
+        }
+    }
+    void referenceVectors()
+    {
+        QFETCH(QString, file);
+        QFETCH(QString, kind);
+        QFETCH(int, length);
+        QFETCH(QByteArray, sha256);
+        const QString decoded = LZString::decompressFromUTF16(ReadUtf16(file));
+        if (kind == QLatin1String("null")) {
+            QVERIFY(decoded.isNull());
+        } else if (kind == QLatin1String("empty")) {
+            QVERIFY(decoded.isEmpty());
+            QVERIFY(!decoded.isNull());
+        } else {
+            QCOMPARE(decoded.size(), length);
+            const QByteArray bytes(reinterpret_cast<const char*>(decoded.utf16()), decoded.size() * 2);
+            QCOMPARE(QCryptographicHash::hash(bytes, QCryptographicHash::Sha256).toHex(), sha256);
+        }
+    }
+
+    void craftedStreams_data()
+    {
+        QTest::addColumn<QString>("stream");
+        QTest::addColumn<QString>("expected"); // "<null>" for a null result
+        QTest::newRow("header 2") << Stream().Bits(2, 2).Done() << "";
+        QTest::newRow("header 3, then a literal")
+            << Stream().Bits(3, 2).Bits(0, 3).Bits('a', 8).Bits(2, 3).Done() << "a";
+        QTest::newRow("header 3, then its empty phrase") << Stream().Bits(3, 2).Bits(3, 3).Done() << "<null>";
+        QTest::newRow("header 3, then a self-reference") << Stream().Bits(3, 2).Bits(4, 3).Bits(2, 3).Done() << "";
+        QTest::newRow("self-references") << Stream().Bits(0, 2).Bits('x', 8).Bits(4, 3).Bits(5, 3).Bits(2, 3).Done()
+                                         << "xxxxxx";
+        QTest::newRow("beyond the next code") << Stream().Bits(0, 2).Bits('x', 8).Bits(6, 3).Done() << "<null>";
+        QTest::newRow("16-bit literal") << Stream().Bits(1, 2).Bits(0x4e2d, 16).Bits(2, 3).Done() << "\u4e2d";
+        QTest::newRow("no end marker") << Stream().Bits(0, 2).Bits('x', 8).Bits(3, 3).Done() << "";
+    }
+    void craftedStreams()
+    {
+        QFETCH(QString, stream);
+        QFETCH(QString, expected);
+        const QString decoded = LZString::decompressFromUTF16(stream);
+        if (expected == QLatin1String("<null>")) {
+            QVERIFY(decoded.isNull());
+        } else {
+            QCOMPARE(decoded, expected);
+            QVERIFY(!decoded.isNull());
+        }
+    }
+
+    void emptyInputAndConstants()
+    {
+        const QString empty = LZString::decompressFromUTF16(QString());
+        QVERIFY(empty.isEmpty() && !empty.isNull());
+        QCOMPARE(LZString::keyStrBase64.size(), 65);
+        QCOMPARE(LZString::keyStrUriSafe.size(), 65);
+        QVERIFY(LZString::keyStrBase64.endsWith(QLatin1String("+/=")));
+        QVERIFY(LZString::keyStrUriSafe.endsWith(QLatin1String("+-$")));
+    }
+
+    void otherResetValuesReadBitByBit()
+    {
+        // 8 payload bits a character: "a" is header 0, 'a', end marker 2, no offset beyond 32.
+        QVector<QChar> data;
+        int value = 0;
+        int position = 0;
+        auto bits = [&](int number, int count) {
+            for (int i = 0; i < count; ++i) {
+                value = (value << 1) | ((number >> i) & 1);
+                if (++position == 8) {
+                    data.append(QChar(ushort(value + 32)));
+                    value = position = 0;
+                }
+            }
+        };
+        bits(0, 2);
+        bits('a', 8);
+        bits(2, 3);
+        data.append(QChar(ushort((value << (8 - position)) + 32)));
+        QCOMPARE(LZString::_decompress(data.size(), 128, data.constData()), QStringLiteral("a"));
+    }
+};
+
+QTEST_GUILESS_MAIN(TestLZString)
+#include "tst_lzstring.moc"
