@@ -6,6 +6,8 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 
+#include <atomic>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -86,10 +88,15 @@ int main(int argc, char** argv)
         std::cerr << "qmmember-server: " << error << "\n";
         return 1;
     }
-    std::thread waiter([&server, stopSignals] {
+    std::atomic<bool> finished{false};
+    std::thread waiter([&server, &finished, stopSignals] {
         int received = 0;
         sigwait(&stopSignals, &received);
-        server.Stop();
+        // A stop that comes before the listener runs is lost: repeat it until Run() returns.
+        while (!finished) {
+            server.Stop();
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
     });
 
     const QJsonObject ready{{QStringLiteral("event"), QStringLiteral("ready")},
@@ -99,6 +106,7 @@ int main(int argc, char** argv)
     std::cout << QJsonDocument(ready).toJson(QJsonDocument::Compact).toStdString() << std::endl;
 
     server.Run();
+    finished = true;
     // Run() also ends if the listener fails; wake the waiter so that it can be joined.
     ::kill(::getpid(), SIGTERM);
     waiter.join();
