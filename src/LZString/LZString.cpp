@@ -11,11 +11,11 @@ const QString keyStrUriSafe = QStringLiteral("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefgh
 
 namespace {
 
-// Dictionary entries are spans of the output already written: every phrase
-// the decoder learns is a run of text it has just produced.
-// A reply that would decode to more than this is refused as corrupt.
+// A reply that would decode to more than this (512 MiB) is refused as corrupt.
 constexpr uint64_t kMaxOutput = uint64_t(1) << 28;
 
+// Dictionary entries are spans of the output already written: every phrase
+// the decoder learns is a run of text it has just produced.
 struct Span {
     uint32_t offset;
     uint32_t length;
@@ -91,7 +91,7 @@ struct Reverse15 {
 class FastReader
 {
 public:
-    FastReader(const QChar* data, int length)
+    FastReader(const QChar* data, int length, int)
         : m_data(reinterpret_cast<const char16_t*>(data))
         , m_length(static_cast<uint64_t>(length))
     {
@@ -130,165 +130,212 @@ private:
     uint64_t m_consumed = 0;
 };
 
-class Output
+// The decoder runs twice over the same bits: the first pass learns only
+// lengths, so that the output is allocated once at its exact size (no growth,
+// no zero-filling); the second writes the text. Both passes share the state
+// machine below, which follows the format's description step by step.
+enum class Outcome { Text, Empty, Null };
+
+// First pass: the length of every dictionary entry and of the whole text.
+class Measure
 {
 public:
-    explicit Output(int length)
-    {
-        const qsizetype want = qMax<qsizetype>(16, qMin<qsizetype>(qsizetype(length) * 5, 1 << 28));
-        m_text.reserve(static_cast<int>(want));
-        m_data = reinterpret_cast<char16_t*>(m_text.data());
-        m_capacity = static_cast<uint64_t>(m_text.capacity());
-    }
+    explicit Measure(size_t expectedCodes) { m_lengths.reserve(expectedCodes); }
 
-    // Makes room for \a extra more characters; false when the text would exceed QString's limit.
-    inline bool Ensure(uint64_t extra)
+    void Start(uint32_t firstLength, char16_t)
     {
-        if (m_size + extra <= m_capacity)
-            return true;
-        return Grow(extra);
+        m_lengths.assign(3, 0);
+        m_lengths.push_back(firstLength);
+        m_w = firstLength;
+        m_size = firstLength;
     }
-
-    char16_t* Data() { return m_data; }
+    bool Literal(char16_t)
+    {
+        m_lengths.push_back(1);
+        m_entry = 1;
+        m_size += 1;
+        return m_size <= kMaxOutput;
+    }
+    bool Reference(uint32_t code)
+    {
+        m_entry = m_lengths[code];
+        m_size += m_entry;
+        return m_entry != 0 && m_size <= kMaxOutput;
+    }
+    bool SelfReference()
+    {
+        m_entry = m_w ? m_w + 1 : 0;
+        m_size += m_entry;
+        return m_size <= kMaxOutput;
+    }
+    void Learn()
+    {
+        m_lengths.push_back(m_w + (m_entry ? 1u : 0u));
+        m_w = m_entry;
+    }
     uint64_t Size() const { return m_size; }
-    void Advance(uint64_t count) { m_size += count; }
-
-    QString Take()
-    {
-        m_text.resize(static_cast<int>(m_size));
-        return std::move(m_text);
-    }
 
 private:
-    bool Grow(uint64_t extra)
-    {
-        const uint64_t limit = kMaxOutput;
-        if (m_size + extra > limit)
-            return false;
-        uint64_t capacity = qMax<uint64_t>(m_capacity * 2, m_size + extra);
-        capacity = qMin<uint64_t>(capacity, limit);
-        m_text.resize(static_cast<int>(m_size)); // keep what is written when reallocating
-        m_text.reserve(static_cast<int>(capacity));
-        m_data = reinterpret_cast<char16_t*>(m_text.data());
-        m_capacity = static_cast<uint64_t>(m_text.capacity());
-        return true;
-    }
-
-    QString m_text;
-    char16_t* m_data = nullptr;
-    uint64_t m_capacity = 0;
+    std::vector<uint32_t> m_lengths;
+    uint32_t m_w = 0;
+    uint32_t m_entry = 0;
     uint64_t m_size = 0;
 };
 
-template <typename Reader>
-QString Decode(Reader& reader, int length)
+// Second pass: writes into the exactly sized output. Dictionary entries are
+// spans of the text already written.
+class Write
 {
-    std::vector<Span> dictionary;
-    dictionary.reserve(static_cast<size_t>(qMin(length, 1 << 24)) + 8);
-    dictionary.resize(3, Span{0, 0}); // codes 0, 1 and 2 are never looked up
+public:
+    Write(char16_t* out, size_t expectedCodes)
+        : m_out(out)
+    {
+        m_spans.reserve(expectedCodes);
+    }
+
+    void Start(uint32_t firstLength, char16_t first)
+    {
+        m_spans.assign(3, Span{0, 0});
+        m_spans.push_back(Span{0, firstLength});
+        if (firstLength)
+            m_out[0] = first;
+        m_w = Span{0, firstLength};
+        m_at = firstLength;
+    }
+    bool Literal(char16_t c)
+    {
+        m_out[m_at] = c;
+        m_entry = Span{m_at, 1};
+        m_spans.push_back(m_entry);
+        m_at += 1;
+        return true;
+    }
+    bool Reference(uint32_t code)
+    {
+        const Span source = m_spans[code];
+        std::memcpy(m_out + m_at, m_out + source.offset, size_t(source.length) * sizeof(char16_t));
+        m_entry = Span{m_at, source.length};
+        m_at += source.length;
+        return true;
+    }
+    bool SelfReference()
+    {
+        m_entry = Span{m_at, 0};
+        if (m_w.length) {
+            std::memcpy(m_out + m_at, m_out + m_w.offset, size_t(m_w.length) * sizeof(char16_t));
+            m_out[m_at + m_w.length] = m_out[m_w.offset];
+            m_entry.length = m_w.length + 1;
+        }
+        m_at += m_entry.length;
+        return true;
+    }
+    void Learn()
+    {
+        // w and the first character of the entry lie side by side in the output.
+        if (m_w.length)
+            m_spans.push_back(Span{m_w.offset, m_w.length + (m_entry.length ? 1u : 0u)});
+        else
+            m_spans.push_back(Span{m_entry.offset, m_entry.length ? 1u : 0u});
+        m_w = m_entry;
+    }
+
+private:
+    char16_t* m_out;
+    std::vector<Span> m_spans;
+    Span m_w{0, 0};
+    Span m_entry{0, 0};
+    uint32_t m_at = 0;
+};
+
+template <typename Reader, typename Pass>
+Outcome Run(Reader& reader, Pass& pass, uint64_t length)
+{
     int32_t dictSize = 4;
     int32_t enlargeIn = 4;
     int numBits = 3;
-    Output out(length);
-    const uint64_t end = static_cast<uint64_t>(length);
+    auto grow = [&] {
+        if (--enlargeIn == 0) {
+            enlargeIn = int32_t(1) << numBits;
+            ++numBits;
+        }
+    };
 
-    // The first phrase.
     switch (reader.Read(2)) {
     case 0:
-        out.Data()[0] = static_cast<char16_t>(reader.Read(8));
-        out.Advance(1);
+        pass.Start(1, static_cast<char16_t>(reader.Read(8)));
         break;
     case 1:
-        out.Data()[0] = static_cast<char16_t>(reader.Read(16));
-        out.Advance(1);
+        pass.Start(1, static_cast<char16_t>(reader.Read(16)));
         break;
     case 2:
-        return EmptyText();
+        return Outcome::Empty;
     default:
-        break; // 3: an empty first phrase, tolerated
+        pass.Start(0, 0); // 3: an empty first phrase, tolerated
+        break;
     }
-    dictionary.push_back(Span{0, static_cast<uint32_t>(out.Size())});
-    Span w{0, static_cast<uint32_t>(out.Size())};
 
     for (;;) {
-        if (reader.Index() > end)
-            return EmptyText();
-        uint32_t code = reader.Read(numBits);
-        const uint64_t at = out.Size();
-        Span entry{static_cast<uint32_t>(at), 0};
+        if (reader.Index() > length)
+            return Outcome::Empty; // ended before its end marker: nothing decoded counts
+        const uint32_t code = reader.Read(numBits);
         if (code < 2) {
-            const char16_t literal = static_cast<char16_t>(reader.Read(code == 0 ? 8 : 16));
-            if (!out.Ensure(1))
-                return QString();
-            // The literal's entry is the span where it is written now.
-            out.Data()[at] = literal;
-            entry.length = 1;
-            dictionary.push_back(entry);
+            if (!pass.Literal(static_cast<char16_t>(reader.Read(code == 0 ? 8 : 16))))
+                return Outcome::Null;
             ++dictSize;
-            if (--enlargeIn == 0) {
-                enlargeIn = int32_t(1) << numBits;
-                ++numBits;
-            }
+            grow();
         } else if (code == 2) {
-            return out.Take();
+            return Outcome::Text;
         } else {
             if (enlargeIn == 0) {
                 enlargeIn = int32_t(1) << numBits;
                 ++numBits;
             }
             if (code < static_cast<uint32_t>(dictSize)) {
-                const Span source = dictionary[code];
-                if (source.length == 0 || !out.Ensure(source.length))
-                    return QString();
-                std::memcpy(out.Data() + at, out.Data() + source.offset, size_t(source.length) * sizeof(char16_t));
-                entry.length = source.length;
+                if (!pass.Reference(code))
+                    return Outcome::Null;
             } else if (code == static_cast<uint32_t>(dictSize)) {
-                // A phrase that refers to itself: w and its own first character.
-                if (w.length > 0) {
-                    if (!out.Ensure(uint64_t(w.length) + 1))
-                        return QString();
-                    char16_t* data = out.Data();
-                    std::memcpy(data + at, data + w.offset, size_t(w.length) * sizeof(char16_t));
-                    data[at + w.length] = data[w.offset];
-                    entry.length = w.length + 1;
-                }
+                if (!pass.SelfReference())
+                    return Outcome::Null;
             } else {
-                return QString();
+                return Outcome::Null;
             }
         }
-        Q_ASSERT(dictSize == static_cast<int32_t>(dictionary.size()));
-        out.Advance(entry.length);
-
         ++dictSize;
-        // w and the first character of the entry lie side by side in the output.
-        dictionary.push_back(Span{w.offset, w.length + (entry.length > 0 ? 1u : 0u)});
-        if (w.length == 0)
-            dictionary.back().offset = entry.offset;
-        w = entry;
-
-        if (--enlargeIn == 0) {
-            enlargeIn = int32_t(1) << numBits;
-            ++numBits;
-        }
+        pass.Learn();
+        grow();
         if (numBits > 31)
-            return QString(); // no real stream grows codes this wide
+            return Outcome::Null; // no real stream grows codes this wide
     }
+}
+
+template <typename Reader>
+QString Decode(const QChar* data, int length, int resetValue)
+{
+    const size_t expectedCodes = static_cast<size_t>(qMin(length, 1 << 24)) + 8;
+    Measure measure(expectedCodes);
+    Reader measuring(data, length, resetValue);
+    const Outcome outcome = Run(measuring, measure, static_cast<uint64_t>(length));
+    if (outcome == Outcome::Null)
+        return QString();
+    if (outcome == Outcome::Empty)
+        return EmptyText();
+
+    QString text(static_cast<int>(measure.Size()), Qt::Uninitialized);
+    Write write(reinterpret_cast<char16_t*>(text.data()), expectedCodes);
+    Reader writing(data, length, resetValue);
+    Run(writing, write, static_cast<uint64_t>(length));
+    return text;
 }
 
 } // namespace
 
 QString _decompress(int length, int resetValue, const QChar* data)
 {
-    if (length <= 0 || !data)
+    if (length <= 0 || !data || resetValue <= 0)
         return EmptyText();
-    if (resetValue == 16384) {
-        FastReader reader(data, length);
-        return Decode(reader, length);
-    }
-    if (resetValue <= 0)
-        return EmptyText();
-    ClassicReader reader(data, length, resetValue);
-    return Decode(reader, length);
+    if (resetValue == 16384)
+        return Decode<FastReader>(data, length, resetValue);
+    return Decode<ClassicReader>(data, length, resetValue);
 }
 
 QString decompressFromUTF16(const QString& compressed)
