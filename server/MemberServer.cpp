@@ -166,11 +166,11 @@ void MemberServer::LogRequest(const Request& request)
 
 Handled MemberServer::PreRoute(const Request& request, Response& response)
 {
-    ++m_requests;
     CountConnection(request);
     const bool adminPath = request.path.rfind("/admin/", 0) == 0;
     if (adminPath)
         return Handled::Unhandled; // unknown without --admin: no route answers
+    ++m_requests;
 
     Fault fault;
     {
@@ -184,7 +184,8 @@ Handled MemberServer::PreRoute(const Request& request, Response& response)
     }
     if (fault.delayMs > 0)
         SleepInterruptible(fault.delayMs);
-    const bool answers = fault.drop || fault.http > 0 || fault.malformed || fault.apiStatus >= 0 || fault.status >= 0;
+    const bool answers = fault.drop || fault.http > 0 || fault.malformed || !fault.body.empty() || fault.apiStatus >= 0
+                         || fault.status >= 0;
     if (!answers)
         return Handled::Unhandled;
     // The body of a request answered here is never read: close the connection
@@ -197,9 +198,10 @@ Handled MemberServer::PreRoute(const Request& request, Response& response)
             ::shutdown(SSL_get_fd(request.ssl), SHUT_RDWR);
         return Handled::Handled;
     }
-    if (fault.http > 0) {
-        response.status = fault.http;
-        response.set_content("{\"message\":\"injected\"}", "application/json");
+    if (fault.http > 0 || !fault.body.empty()) {
+        response.status = fault.http > 0 ? fault.http : 200;
+        response.set_content(fault.body.empty() ? std::string("{\"message\":\"injected\"}") : fault.body,
+                             "application/json");
         return Handled::Handled;
     }
     if (fault.malformed) {
@@ -338,6 +340,7 @@ void MemberServer::AddAdminRoutes()
         fault.drop = body.value(QStringLiteral("drop")).toBool(false);
         fault.malformed = body.value(QStringLiteral("malformed")).toBool(false);
         fault.compress = body.value(QStringLiteral("compress")).toBool(false);
+        fault.body = body.value(QStringLiteral("body")).toString().toStdString();
         fault.times = body.value(QStringLiteral("times")).toInt(-1);
         std::lock_guard<std::mutex> lock(m_faultMutex);
         m_faults[path] = fault;

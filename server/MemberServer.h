@@ -49,7 +49,8 @@ private:
         bool drop = false;
         bool malformed = false;
         bool compress = false;
-        int times = -1; // -1: until reset
+        std::string body; // a raw reply body, sent as it is
+        int times = -1;   // -1: until reset
     };
 
     httplib::Server::HandlerResponse PreRoute(const httplib::Request& request, httplib::Response& response);
