@@ -12,6 +12,7 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QMutex>
 #include <QThread>
 #include <QUuid>
 
@@ -26,10 +27,46 @@ namespace {
 constexpr int kMaxTokenRetries = 2;
 thread_local int t_retryDepth = 0;
 
+// Read for every request, so it is kept for a second: a write in this process
+// shows at once, another process's within the second.
 bool UsingLocalTime()
 {
-    return QMRegistryTool::Store::ReadNative(QString::fromLatin1(kNativeCompanyKey), QStringLiteral("UsingLocalTime"))
-        .toBool();
+    struct Kept {
+        QMutex mutex;
+        qint64 readAt = -1;
+        quint64 generation = 0;
+        QString folder;
+        bool value = false;
+    };
+    static Kept kept;
+    const qint64 now = QDateTime::currentMSecsSinceEpoch();
+    const quint64 generation = QMRegistryTool::Store::WriteGeneration();
+    const QString folder = QMRegistryTool::Store::Folder();
+    QMutexLocker lock(&kept.mutex);
+    if (kept.readAt < 0 || now - kept.readAt >= 1000 || now < kept.readAt || generation != kept.generation
+        || folder != kept.folder) {
+        kept.value = QMRegistryTool::Store::ReadNative(QString::fromLatin1(kNativeCompanyKey),
+                                                       QStringLiteral("UsingLocalTime"))
+                         .toBool();
+        kept.readAt = now;
+        kept.generation = generation;
+        kept.folder = folder;
+    }
+    return kept.value;
+}
+
+// "yyyy-MM-dd hh:mm:ss" of the current local time. Converting to local time
+// costs a time-zone check each call; the text changes once a second.
+QString LocalTimeLabel()
+{
+    thread_local qint64 second = -1;
+    thread_local QString text;
+    const qint64 now = QDateTime::currentSecsSinceEpoch();
+    if (now != second) {
+        second = now;
+        text = QDateTime::fromSecsSinceEpoch(now).toString(QStringLiteral("yyyy-MM-dd hh:mm:ss"));
+    }
+    return text;
 }
 
 // Releases a request on every way out of a call.
@@ -65,8 +102,7 @@ CHttpRequest* CQMMemberWebService::ServiceHttpRequest(QString caller, bool sync)
     auto* request = new (std::nothrow) CHttpRequest(sync ? nullptr : this, sync);
     if (!request)
         return nullptr;
-    m_kLiveRequests.insert(request, QDateTime::currentDateTime().toString(QStringLiteral("yyyy-MM-dd hh:mm:ss"))
-                                        + QLatin1Char('_') + caller);
+    m_kLiveRequests.insert(request, LocalTimeLabel() + QLatin1Char('_') + caller);
     return request;
 }
 

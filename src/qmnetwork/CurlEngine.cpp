@@ -160,34 +160,39 @@ std::string Engine::ExtraCAFile()
     return d->extraCA.path;
 }
 
-void Engine::Configure(CURL* easy, const Exchange& exchange, Outcome& outcome, char* errorBuffer)
+// A pooled handle keeps the options every exchange shares; only what differs
+// is set per exchange (a full reset costs more than the exchange's own work).
+void Engine::ConfigureOnce(CURL* easy)
 {
-    curl_easy_reset(easy);
     curl_easy_setopt(easy, CURLOPT_SHARE, d->share);
-    curl_easy_setopt(easy, CURLOPT_URL, exchange.url.c_str());
     curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "https");
     curl_easy_setopt(easy, CURLOPT_REDIR_PROTOCOLS_STR, "https");
     curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(easy, CURLOPT_TCP_NODELAY, 1L);
     curl_easy_setopt(easy, CURLOPT_TCP_KEEPALIVE, 1L);
-    curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, errorBuffer);
     // Verification is never switched off; a local CA is added, not substituted.
     curl_easy_setopt(easy, CURLOPT_SSL_VERIFYPEER, 1L);
     curl_easy_setopt(easy, CURLOPT_SSL_VERIFYHOST, 2L);
-    if (!ExtraCAFile().empty()) {
-        curl_easy_setopt(easy, CURLOPT_SSL_CTX_FUNCTION, &AddExtraCA);
-        curl_easy_setopt(easy, CURLOPT_SSL_CTX_DATA, &d->extraCA);
-    }
+    curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &AppendBody);
+    curl_easy_setopt(easy, CURLOPT_HEADERFUNCTION, &AppendBody);
+}
+
+void Engine::Configure(CURL* easy, const Exchange& exchange, Outcome& outcome, char* errorBuffer)
+{
+    curl_easy_setopt(easy, CURLOPT_URL, exchange.url.c_str());
+    curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, errorBuffer);
+    const bool extraCA = !ExtraCAFile().empty();
+    curl_easy_setopt(easy, CURLOPT_SSL_CTX_FUNCTION, extraCA ? &AddExtraCA : nullptr);
+    curl_easy_setopt(easy, CURLOPT_SSL_CTX_DATA, extraCA ? &d->extraCA : nullptr);
     curl_easy_setopt(easy, CURLOPT_TIMEOUT_MS, exchange.timeoutMs);
     const long connectLimit = exchange.timeoutMs > 0 && exchange.timeoutMs < 30000 ? exchange.timeoutMs : 30000L;
     curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, connectLimit);
     curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, exchange.followRedirects ? 1L : 0L);
-    if (!exchange.useProxy) {
-        curl_easy_setopt(easy, CURLOPT_PROXY, "");
-    } else if (!exchange.proxyUser.empty()) {
-        curl_easy_setopt(easy, CURLOPT_PROXYUSERNAME, exchange.proxyUser.c_str());
-        curl_easy_setopt(easy, CURLOPT_PROXYPASSWORD, exchange.proxyPassword.c_str());
-    }
+    // An empty proxy turns the environment's proxy off; null leaves it to curl.
+    curl_easy_setopt(easy, CURLOPT_PROXY, exchange.useProxy ? nullptr : "");
+    const bool credentials = exchange.useProxy && !exchange.proxyUser.empty();
+    curl_easy_setopt(easy, CURLOPT_PROXYUSERNAME, credentials ? exchange.proxyUser.c_str() : nullptr);
+    curl_easy_setopt(easy, CURLOPT_PROXYPASSWORD, credentials ? exchange.proxyPassword.c_str() : nullptr);
     if (exchange.method == "POST") {
         curl_easy_setopt(easy, CURLOPT_POST, 1L);
         curl_easy_setopt(easy, CURLOPT_POSTFIELDS, exchange.body.data());
@@ -197,9 +202,7 @@ void Engine::Configure(CURL* easy, const Exchange& exchange, Outcome& outcome, c
     } else {
         curl_easy_setopt(easy, CURLOPT_HTTPGET, 1L);
     }
-    curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &AppendBody);
     curl_easy_setopt(easy, CURLOPT_WRITEDATA, &outcome.body);
-    curl_easy_setopt(easy, CURLOPT_HEADERFUNCTION, &AppendBody);
     curl_easy_setopt(easy, CURLOPT_HEADERDATA, &outcome.headers);
 }
 
@@ -280,8 +283,11 @@ Outcome Engine::Perform(const Exchange& exchange)
             d->pool.pop_back();
         }
     }
-    if (!easy)
+    if (!easy) {
         easy = curl_easy_init();
+        if (easy)
+            ConfigureOnce(easy);
+    }
     Outcome outcome;
     if (!easy) {
         outcome.netError = InternalError;
@@ -362,8 +368,8 @@ void Engine::RunAsyncLoop()
             if (!d->asyncPool.empty()) {
                 easy = d->asyncPool.back();
                 d->asyncPool.pop_back();
-            } else {
-                easy = curl_easy_init();
+            } else if ((easy = curl_easy_init())) {
+                ConfigureOnce(easy);
             }
             if (!easy) {
                 job->outcome.netError = InternalError;

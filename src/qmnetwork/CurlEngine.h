@@ -66,6 +66,7 @@ public:
 
 private:
     Engine();
+    void ConfigureOnce(CURL* easy);
     void Configure(CURL* easy, const Exchange& exchange, Outcome& outcome, char* errorBuffer);
     static unsigned int MapError(CURLcode code);
     void RunAsyncLoop();

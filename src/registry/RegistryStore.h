@@ -17,6 +17,10 @@ QMMEMBERWEBSERVICE_EXPORT bool Write(bool currentUser, const QString& keyPath, c
                                      const QVariant& value);
 QMMEMBERWEBSERVICE_EXPORT bool Remove(bool currentUser, const QString& keyPath, const QString& name);
 
+/// Counts this process's writes and deletes, so that a reader can tell that a
+/// value it keeps may have changed.
+QMMEMBERWEBSERVICE_EXPORT quint64 WriteGeneration();
+
 /// Where the store lives: QM_REGISTRY_DIR when set, else the user's
 /// configuration folder. Empty on Windows.
 QMMEMBERWEBSERVICE_EXPORT QString Folder();

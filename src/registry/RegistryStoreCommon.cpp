@@ -1,6 +1,17 @@
 #include "RegistryStore.h"
 
+#include <atomic>
+
 namespace QMRegistryTool::Store {
+
+namespace Detail {
+std::atomic<quint64> generation{0};
+}
+
+quint64 WriteGeneration()
+{
+    return Detail::generation.load();
+}
 
 QString NormalizeKeyPath(const QString& keyPath)
 {

@@ -9,6 +9,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <map>
 #include <mutex>
 #include <string>
@@ -16,6 +17,10 @@
 Q_LOGGING_CATEGORY(lcStore, "qm.registry")
 
 namespace QMRegistryTool::Store {
+
+namespace Detail {
+extern std::atomic<quint64> generation;
+}
 
 namespace {
 
@@ -55,9 +60,14 @@ public:
         Exec("PRAGMA synchronous=NORMAL");
         Exec("CREATE TABLE IF NOT EXISTS reg(key TEXT NOT NULL, name TEXT NOT NULL, "
              "kind INTEGER NOT NULL, value, PRIMARY KEY(key, name)) WITHOUT ROWID");
+        m_read = Prepare("SELECT kind, value FROM reg WHERE key = ?1 AND name = ?2");
+        m_write = Prepare("INSERT OR REPLACE INTO reg(key, name, kind, value) VALUES(?1, ?2, ?3, ?4)");
+        m_remove = Prepare("DELETE FROM reg WHERE key = ?1 AND name = ?2");
     }
     ~Database()
     {
+        for (sqlite3_stmt* statement : {m_read, m_write, m_remove})
+            sqlite3_finalize(statement);
         if (m_db)
             sqlite3_close(m_db);
     }
@@ -68,7 +78,8 @@ public:
 
     QVariant Read(const QByteArray& key, const QByteArray& name)
     {
-        Statement st(m_db, "SELECT kind, value FROM reg WHERE key = ?1 AND name = ?2");
+        std::lock_guard<std::mutex> lock(m_mutex);
+        Statement st(m_read);
         if (!st.Bind(key, name) || sqlite3_step(st.m_stmt) != SQLITE_ROW)
             return {};
         if (sqlite3_column_int(st.m_stmt, 0) == 1)
@@ -79,7 +90,8 @@ public:
 
     bool Write(const QByteArray& key, const QByteArray& name, const QVariant& value)
     {
-        Statement st(m_db, "INSERT OR REPLACE INTO reg(key, name, kind, value) VALUES(?1, ?2, ?3, ?4)");
+        std::lock_guard<std::mutex> lock(m_mutex);
+        Statement st(m_write);
         if (!st.Bind(key, name))
             return false;
         if (value.type() == QVariant::Int) {
@@ -95,20 +107,31 @@ public:
 
     bool Remove(const QByteArray& key, const QByteArray& name)
     {
-        Statement st(m_db, "DELETE FROM reg WHERE key = ?1 AND name = ?2");
+        std::lock_guard<std::mutex> lock(m_mutex);
+        Statement st(m_remove);
         return st.Bind(key, name) && Done(st) && sqlite3_changes(m_db) > 0;
     }
 
 private:
+    // Statements are prepared once; each use binds, steps and resets.
     struct Statement {
-        Statement(sqlite3* db, const char* sql) { sqlite3_prepare_v2(db, sql, -1, &m_stmt, nullptr); }
-        ~Statement() { sqlite3_finalize(m_stmt); }
+        explicit Statement(sqlite3_stmt* statement)
+            : m_stmt(statement)
+        {
+        }
+        ~Statement()
+        {
+            if (m_stmt) {
+                sqlite3_reset(m_stmt);
+                sqlite3_clear_bindings(m_stmt);
+            }
+        }
         bool Bind(const QByteArray& key, const QByteArray& name)
         {
             return m_stmt && sqlite3_bind_text(m_stmt, 1, key.constData(), key.size(), SQLITE_TRANSIENT) == SQLITE_OK
                    && sqlite3_bind_text(m_stmt, 2, name.constData(), name.size(), SQLITE_TRANSIENT) == SQLITE_OK;
         }
-        sqlite3_stmt* m_stmt = nullptr;
+        sqlite3_stmt* m_stmt;
     };
 
     bool Done(Statement& st)
@@ -121,6 +144,13 @@ private:
         return true;
     }
 
+    sqlite3_stmt* Prepare(const char* sql)
+    {
+        sqlite3_stmt* statement = nullptr;
+        sqlite3_prepare_v3(m_db, sql, -1, SQLITE_PREPARE_PERSISTENT, &statement, nullptr);
+        return statement;
+    }
+
     void Exec(const char* sql)
     {
         char* error = nullptr;
@@ -131,6 +161,10 @@ private:
     }
 
     sqlite3* m_db = nullptr;
+    sqlite3_stmt* m_read = nullptr;
+    sqlite3_stmt* m_write = nullptr;
+    sqlite3_stmt* m_remove = nullptr;
+    std::mutex m_mutex; // a prepared statement serves one caller at a time
 };
 
 // One connection per store file, kept for the life of the process.
@@ -172,12 +206,14 @@ QVariant Read(bool currentUser, const QString& keyPath, const QString& name)
 
 bool Write(bool currentUser, const QString& keyPath, const QString& name, const QVariant& value)
 {
+    ++Detail::generation;
     Database* db = Open(currentUser);
     return db && db->Write(FoldKey(keyPath), FoldName(name), value);
 }
 
 bool Remove(bool currentUser, const QString& keyPath, const QString& name)
 {
+    ++Detail::generation;
     Database* db = Open(currentUser);
     return db && db->Remove(FoldKey(keyPath), FoldName(name));
 }

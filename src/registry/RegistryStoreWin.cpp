@@ -2,7 +2,13 @@
 
 #include <QSettings>
 
+#include <atomic>
+
 namespace QMRegistryTool::Store {
+
+namespace Detail {
+extern std::atomic<quint64> generation;
+}
 
 namespace {
 QString SettingsPath(bool currentUser, const QString& keyPath)
@@ -21,6 +27,7 @@ QVariant Read(bool currentUser, const QString& keyPath, const QString& name)
 
 bool Write(bool currentUser, const QString& keyPath, const QString& name, const QVariant& value)
 {
+    ++Detail::generation;
     QSettings settings(SettingsPath(currentUser, keyPath), QSettings::NativeFormat);
     settings.setValue(name, value);
     settings.sync();
@@ -29,6 +36,7 @@ bool Write(bool currentUser, const QString& keyPath, const QString& name, const 
 
 bool Remove(bool currentUser, const QString& keyPath, const QString& name)
 {
+    ++Detail::generation;
     QSettings settings(SettingsPath(currentUser, keyPath), QSettings::NativeFormat);
     if (!settings.contains(name))
         return false;
