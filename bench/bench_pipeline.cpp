@@ -104,8 +104,10 @@ int main(int argc, char** argv)
         std::wstring text;
         const auto result = post ? service.GeneralSyncApiRequest(L"/qmtest/ping", false, "{\"a\":1}", text, 10000)
                                  : service.GeneralSyncGetApiRequest(L"/qmtest/ping", false, text, 10000);
-        // Released requests are deleted by the event loop, as in a host.
+        // Released requests are deleted by the event loop, as in a host; the
+        // untyped pass also compacts Qt's list of posted events, as a loop does.
         QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+        QCoreApplication::sendPostedEvents();
         return result == CQMMemberWebService::WS_OK;
     };
     for (int i = 0; i < 200; ++i) {

@@ -5,6 +5,7 @@
 #include "../LZString/LZString.h"
 #include "../qmnetwork/HttpRequest.h"
 #include "../qmnetwork/QMNetworkCenter.h"
+#include "../qmnetwork/TextConvert.h"
 #include "../registry/RegistryStore.h"
 
 #include <QDateTime>
@@ -35,13 +36,13 @@ bool UsingLocalTime()
         QMutex mutex;
         qint64 readAt = -1;
         quint64 generation = 0;
-        QString folder;
+        QByteArray folder;
         bool value = false;
     };
     static Kept kept;
     const qint64 now = QDateTime::currentMSecsSinceEpoch();
     const quint64 generation = QMRegistryTool::Store::WriteGeneration();
-    const QString folder = QMRegistryTool::Store::Folder();
+    const QByteArray folder = qgetenv("QM_REGISTRY_DIR");
     QMutexLocker lock(&kept.mutex);
     if (kept.readAt < 0 || now - kept.readAt >= 1000 || now < kept.readAt || generation != kept.generation
         || folder != kept.folder) {
@@ -325,7 +326,7 @@ bool CQMMemberWebService::ParseJsonResult(const std::wstring& reply, int& apiSta
     status = -1;
     if (reply.empty())
         return false;
-    QJsonDocument parsed = QJsonDocument::fromJson(Q(reply).toUtf8());
+    QJsonDocument parsed = QJsonDocument::fromJson(QByteArray::fromStdString(QMText::ToUtf8(reply)));
     if (parsed.isNull())
         return false;
     QJsonObject top = parsed.object();
@@ -402,9 +403,9 @@ CQMMemberWebService::EWSResult CQMMemberWebService::ExtractApiResult(std::wstrin
     if (outcome == WS_OK && status == WS_OK) {
         const QJsonValue data = document.object().value(QLatin1String("result")).toObject().value(QLatin1String("data"));
         if (data.isObject())
-            resultText = QString::fromUtf8(QJsonDocument(data.toObject()).toJson(QJsonDocument::Compact)).toStdWString();
+            resultText = QMText::FromUtf8(QJsonDocument(data.toObject()).toJson(QJsonDocument::Compact));
         else if (data.isArray())
-            resultText = QString::fromUtf8(QJsonDocument(data.toArray()).toJson(QJsonDocument::Compact)).toStdWString();
+            resultText = QMText::FromUtf8(QJsonDocument(data.toArray()).toJson(QJsonDocument::Compact));
         else
             resultText.clear();
     }

@@ -2,8 +2,11 @@
 
 #include "CurlEngine.h"
 #include "QMNetworkCenter.h"
+#include "TextConvert.h"
 
 #include <QString>
+
+#include <cwchar>
 
 using QMNet::Engine;
 
@@ -11,17 +14,17 @@ namespace {
 
 std::string Utf8(const wchar_t* text)
 {
-    return text ? QString::fromWCharArray(text).toStdString() : std::string();
+    return text ? QMText::ToUtf8(text, std::wcslen(text)) : std::string();
 }
 
 std::string Utf8(const std::wstring& text)
 {
-    return QString::fromStdWString(text).toStdString();
+    return QMText::ToUtf8(text);
 }
 
 std::wstring Wide(const std::string& bytes)
 {
-    return QString::fromUtf8(bytes.data(), static_cast<int>(bytes.size())).toStdWString();
+    return QMText::FromUtf8(bytes.data(), bytes.size());
 }
 
 } // namespace
@@ -84,7 +87,11 @@ void CHttpRequest::GetAsync(std::wstring host, std::wstring path, unsigned int t
 
 std::wstring CHttpRequest::GetReturnData() const
 {
-    return Wide(m_kReplyBody);
+    if (!m_bReplyConverted) {
+        m_strReply = Wide(m_kReplyBody);
+        m_bReplyConverted = true;
+    }
+    return m_strReply;
 }
 
 std::wstring CHttpRequest::GetParameters() const
@@ -157,7 +164,7 @@ bool CHttpRequest::Perform(const char* method, const wchar_t* host, const wchar_
     const QMNet::Outcome outcome = Engine::Instance().Perform(exchange);
     ApplyOutcome(outcome);
     if (reply)
-        *reply = Wide(outcome.body);
+        *reply = GetReturnData();
     if (replyHeaders)
         *replyHeaders = Wide(outcome.headers);
     return outcome.completed;
@@ -183,6 +190,7 @@ void CHttpRequest::StartAsync(const char* method, const std::wstring& host, cons
 void CHttpRequest::ApplyOutcome(const QMNet::Outcome& outcome)
 {
     m_kReplyBody = outcome.body;
+    m_bReplyConverted = false;
     m_nLastError = outcome.netError;
     m_nHttpStatus = outcome.completed ? static_cast<int>(outcome.httpStatus) : 0;
 }
@@ -192,7 +200,7 @@ void CHttpRequest::DeliverAsync(const QMNet::Outcome& outcome)
     m_pJob.reset();
     ApplyOutcome(outcome);
     if (outcome.completed)
-        emit FinishedAsync(Wide(outcome.body));
+        emit FinishedAsync(GetReturnData());
     else
         emit ErrorAsync(outcome.netError);
 }

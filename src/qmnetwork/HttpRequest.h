@@ -103,6 +103,8 @@ private:
     bool m_bRequestFlag = true;
     std::vector<std::pair<std::string, std::string>> m_kHeaders;
     std::string m_kReplyBody;
+    mutable std::wstring m_strReply; // m_kReplyBody as wide text, made when first asked for
+    mutable bool m_bReplyConverted = false;
     unsigned int m_nLastError = 0;
     int m_nHttpStatus = 0;
     std::wstring m_strProxyAccount;

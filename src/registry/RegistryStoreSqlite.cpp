@@ -167,25 +167,41 @@ private:
     std::mutex m_mutex; // a prepared statement serves one caller at a time
 };
 
-// One connection per store file, kept for the life of the process.
+// One connection per store file, kept for the life of the process. The folder
+// is resolved again only when QM_REGISTRY_DIR changes.
 Database* Open(bool currentUser)
 {
-    static std::mutex mutex;
-    static std::map<QString, std::unique_ptr<Database>> open;
+    struct Opened {
+        std::mutex mutex;
+        std::map<QString, std::unique_ptr<Database>> files;
+        QByteArray environment{"\0unset"};
+        Database* hives[2] = {nullptr, nullptr};
+    };
+    static Opened opened;
 
+    const QByteArray environment = qgetenv("QM_REGISTRY_DIR");
+    std::lock_guard<std::mutex> lock(opened.mutex);
+    if (environment != opened.environment) {
+        opened.environment = environment;
+        opened.hives[0] = opened.hives[1] = nullptr;
+    }
+    Database*& hive = opened.hives[currentUser ? 1 : 0];
+    if (hive)
+        return hive;
     const QString folder = Folder();
     const QString file = folder + QLatin1String(currentUser ? "/HKEY_CURRENT_USER.db" : "/HKEY_LOCAL_MACHINE.db");
-    std::lock_guard<std::mutex> lock(mutex);
-    auto found = open.find(file);
-    if (found != open.end())
-        return found->second.get();
-    if (!QDir().mkpath(folder))
-        return nullptr;
-    ::chmod(QFile::encodeName(folder).constData(), 0700);
-    auto db = std::make_unique<Database>(file);
-    if (!db->IsOpen())
-        return nullptr;
-    return open.emplace(file, std::move(db)).first->second.get();
+    auto found = opened.files.find(file);
+    if (found == opened.files.end()) {
+        if (!QDir().mkpath(folder))
+            return nullptr;
+        ::chmod(QFile::encodeName(folder).constData(), 0700);
+        auto db = std::make_unique<Database>(file);
+        if (!db->IsOpen())
+            return nullptr;
+        found = opened.files.emplace(file, std::move(db)).first;
+    }
+    hive = found->second.get();
+    return hive;
 }
 
 } // namespace
