@@ -130,127 +130,46 @@ private:
     uint64_t m_consumed = 0;
 };
 
-// The decoder runs twice over the same bits: the first pass learns only
-// lengths, so that the output is allocated once at its exact size (no growth,
-// no zero-filling); the second writes the text. Both passes share the state
-// machine below, which follows the format's description step by step.
+// Decoding runs in three passes. The first reads the bits into a list of
+// codes: the dictionary's size and the code width evolve independently of the
+// text, so the whole stream can be read before any look-up. The second learns
+// only lengths, so that the output is allocated once at its exact size. The
+// third writes the text. The last two look entries up at random; with the
+// codes known in advance they fetch memory a few codes ahead of its use.
 enum class Outcome { Text, Empty, Null };
 
-// First pass: the length of every dictionary entry and of the whole text.
-class Measure
-{
-public:
-    explicit Measure(size_t expectedCodes) { m_lengths.reserve(expectedCodes); }
+// A literal carries this flag and its character; anything else is a code >= 3.
+constexpr uint32_t kLiteral = 0x80000000u;
+constexpr size_t kAhead = 16;
 
-    void Start(uint32_t firstLength, char16_t)
-    {
-        m_lengths.assign(3, 0);
-        m_lengths.push_back(firstLength);
-        m_w = firstLength;
-        m_size = firstLength;
-    }
-    bool Literal(char16_t)
-    {
-        m_lengths.push_back(1);
-        m_entry = 1;
-        m_size += 1;
-        return m_size <= kMaxOutput;
-    }
-    bool Reference(uint32_t code)
-    {
-        m_entry = m_lengths[code];
-        m_size += m_entry;
-        return m_entry != 0 && m_size <= kMaxOutput;
-    }
-    bool SelfReference()
-    {
-        m_entry = m_w ? m_w + 1 : 0;
-        m_size += m_entry;
-        return m_size <= kMaxOutput;
-    }
-    void Learn()
-    {
-        m_lengths.push_back(m_w + (m_entry ? 1u : 0u));
-        m_w = m_entry;
-    }
-    uint64_t Size() const { return m_size; }
-
-private:
-    std::vector<uint32_t> m_lengths;
-    uint32_t m_w = 0;
-    uint32_t m_entry = 0;
-    uint64_t m_size = 0;
+struct Codes {
+    std::vector<uint32_t> list;
+    bool hasFirst = false; // false: header 3, an empty first phrase
+    char16_t first = 0;
+    Outcome end = Outcome::Empty;
 };
 
-// Second pass: writes into the exactly sized output. Dictionary entries are
-// spans of the text already written.
-class Write
+template <typename Reader>
+Codes ReadCodes(Reader& reader, uint64_t length, size_t expected)
 {
-public:
-    Write(char16_t* out, size_t expectedCodes)
-        : m_out(out)
-    {
-        m_spans.reserve(expectedCodes);
+    Codes codes;
+    switch (reader.Read(2)) {
+    case 0:
+        codes.hasFirst = true;
+        codes.first = static_cast<char16_t>(reader.Read(8));
+        break;
+    case 1:
+        codes.hasFirst = true;
+        codes.first = static_cast<char16_t>(reader.Read(16));
+        break;
+    case 2:
+        codes.end = Outcome::Empty;
+        return codes;
+    default:
+        break; // 3: tolerated
     }
-
-    void Start(uint32_t firstLength, char16_t first)
-    {
-        m_spans.assign(3, Span{0, 0});
-        m_spans.push_back(Span{0, firstLength});
-        if (firstLength)
-            m_out[0] = first;
-        m_w = Span{0, firstLength};
-        m_at = firstLength;
-    }
-    bool Literal(char16_t c)
-    {
-        m_out[m_at] = c;
-        m_entry = Span{m_at, 1};
-        m_spans.push_back(m_entry);
-        m_at += 1;
-        return true;
-    }
-    bool Reference(uint32_t code)
-    {
-        const Span source = m_spans[code];
-        std::memcpy(m_out + m_at, m_out + source.offset, size_t(source.length) * sizeof(char16_t));
-        m_entry = Span{m_at, source.length};
-        m_at += source.length;
-        return true;
-    }
-    bool SelfReference()
-    {
-        m_entry = Span{m_at, 0};
-        if (m_w.length) {
-            std::memcpy(m_out + m_at, m_out + m_w.offset, size_t(m_w.length) * sizeof(char16_t));
-            m_out[m_at + m_w.length] = m_out[m_w.offset];
-            m_entry.length = m_w.length + 1;
-        }
-        m_at += m_entry.length;
-        return true;
-    }
-    void Learn()
-    {
-        // w and the first character of the entry lie side by side in the output.
-        if (m_w.length)
-            m_spans.push_back(Span{m_w.offset, m_w.length + (m_entry.length ? 1u : 0u)});
-        else
-            m_spans.push_back(Span{m_entry.offset, m_entry.length ? 1u : 0u});
-        m_w = m_entry;
-    }
-
-private:
-    char16_t* m_out;
-    std::vector<Span> m_spans;
-    Span m_w{0, 0};
-    Span m_entry{0, 0};
-    uint32_t m_at = 0;
-};
-
-template <typename Reader, typename Pass>
-Outcome Run(Reader& reader, Pass& pass, uint64_t length)
-{
-    int32_t dictSize = 4;
+    codes.list.reserve(expected);
+    uint32_t dictSize = 4;
     int32_t enlargeIn = 4;
     int numBits = 3;
     auto grow = [&] {
@@ -259,71 +178,125 @@ Outcome Run(Reader& reader, Pass& pass, uint64_t length)
             ++numBits;
         }
     };
-
-    switch (reader.Read(2)) {
-    case 0:
-        pass.Start(1, static_cast<char16_t>(reader.Read(8)));
-        break;
-    case 1:
-        pass.Start(1, static_cast<char16_t>(reader.Read(16)));
-        break;
-    case 2:
-        return Outcome::Empty;
-    default:
-        pass.Start(0, 0); // 3: an empty first phrase, tolerated
-        break;
-    }
-
     for (;;) {
-        if (reader.Index() > length)
-            return Outcome::Empty; // ended before its end marker: nothing decoded counts
+        if (reader.Index() > length) {
+            codes.end = Outcome::Empty; // ended before its end marker: nothing decoded counts
+            return codes;
+        }
         const uint32_t code = reader.Read(numBits);
         if (code < 2) {
-            if (!pass.Literal(static_cast<char16_t>(reader.Read(code == 0 ? 8 : 16))))
-                return Outcome::Null;
+            codes.list.push_back(kLiteral | reader.Read(code == 0 ? 8 : 16));
             ++dictSize;
             grow();
         } else if (code == 2) {
-            return Outcome::Text;
+            codes.end = Outcome::Text;
+            return codes;
+        } else if (code > dictSize) {
+            codes.end = Outcome::Null; // beyond the next free code
+            return codes;
         } else {
-            if (enlargeIn == 0) {
-                enlargeIn = int32_t(1) << numBits;
-                ++numBits;
-            }
-            if (code < static_cast<uint32_t>(dictSize)) {
-                if (!pass.Reference(code))
-                    return Outcome::Null;
-            } else if (code == static_cast<uint32_t>(dictSize)) {
-                if (!pass.SelfReference())
-                    return Outcome::Null;
-            } else {
-                return Outcome::Null;
-            }
+            codes.list.push_back(code);
         }
         ++dictSize;
-        pass.Learn();
         grow();
-        if (numBits > 31)
-            return Outcome::Null; // no real stream grows codes this wide
+        if (numBits > 31) {
+            codes.end = Outcome::Null; // no real stream grows codes this wide
+            return codes;
+        }
+    }
+}
+
+// The length of every dictionary entry and of the whole text; Null for a
+// reference to an empty entry or a text beyond the size limit.
+Outcome MeasureText(const Codes& codes, uint64_t& size)
+{
+    const std::vector<uint32_t>& list = codes.list;
+    std::vector<uint32_t> lengths;
+    lengths.reserve(list.size() * 2 + 4);
+    lengths.assign(3, 0);
+    uint32_t w = codes.hasFirst ? 1 : 0;
+    lengths.push_back(w);
+    uint64_t total = w;
+    for (size_t i = 0; i < list.size(); ++i) {
+        if (i + kAhead < list.size() && !(list[i + kAhead] & kLiteral) && list[i + kAhead] < lengths.size())
+            __builtin_prefetch(&lengths[list[i + kAhead]]);
+        const uint32_t code = list[i];
+        uint32_t entry;
+        if (code & kLiteral) {
+            lengths.push_back(1);
+            entry = 1;
+        } else if (code < lengths.size()) {
+            entry = lengths[code];
+            if (entry == 0)
+                return Outcome::Null;
+        } else {
+            entry = w ? w + 1 : 0; // a phrase that refers to itself
+        }
+        total += entry;
+        if (total > kMaxOutput)
+            return Outcome::Null;
+        lengths.push_back(w + (entry ? 1u : 0u));
+        w = entry;
+    }
+    size = total;
+    return codes.end;
+}
+
+void WriteText(const Codes& codes, char16_t* out)
+{
+    const std::vector<uint32_t>& list = codes.list;
+    std::vector<Span> spans;
+    spans.reserve(list.size() * 2 + 4);
+    spans.assign(3, Span{0, 0});
+    Span w{0, codes.hasFirst ? 1u : 0u};
+    if (codes.hasFirst)
+        out[0] = codes.first;
+    spans.push_back(w);
+    uint32_t at = w.length;
+    for (size_t i = 0; i < list.size(); ++i) {
+        // Two steps ahead: the entry, then the text it points to.
+        if (i + kAhead < list.size() && !(list[i + kAhead] & kLiteral) && list[i + kAhead] < spans.size())
+            __builtin_prefetch(&spans[list[i + kAhead]]);
+        if (i + kAhead / 2 < list.size() && !(list[i + kAhead / 2] & kLiteral)
+            && list[i + kAhead / 2] < spans.size())
+            __builtin_prefetch(out + spans[list[i + kAhead / 2]].offset);
+        const uint32_t code = list[i];
+        Span entry{at, 0};
+        if (code & kLiteral) {
+            out[at] = static_cast<char16_t>(code);
+            entry.length = 1;
+            spans.push_back(entry);
+        } else if (code < spans.size()) {
+            const Span source = spans[code];
+            std::memcpy(out + at, out + source.offset, size_t(source.length) * sizeof(char16_t));
+            entry.length = source.length;
+        } else if (w.length) {
+            // A phrase that refers to itself: w and its own first character.
+            std::memcpy(out + at, out + w.offset, size_t(w.length) * sizeof(char16_t));
+            out[at + w.length] = out[w.offset];
+            entry.length = w.length + 1;
+        }
+        at += entry.length;
+        // w and the first character of the entry lie side by side in the output.
+        spans.push_back(w.length ? Span{w.offset, w.length + (entry.length ? 1u : 0u)}
+                                 : Span{entry.offset, entry.length ? 1u : 0u});
+        w = entry;
     }
 }
 
 template <typename Reader>
 QString Decode(const QChar* data, int length, int resetValue)
 {
-    const size_t expectedCodes = static_cast<size_t>(qMin(length, 1 << 24)) + 8;
-    Measure measure(expectedCodes);
-    Reader measuring(data, length, resetValue);
-    const Outcome outcome = Run(measuring, measure, static_cast<uint64_t>(length));
+    Reader reader(data, length, resetValue);
+    const Codes codes = ReadCodes(reader, static_cast<uint64_t>(length), static_cast<size_t>(length) + 8);
+    uint64_t size = 0;
+    const Outcome outcome = MeasureText(codes, size);
     if (outcome == Outcome::Null)
         return QString();
     if (outcome == Outcome::Empty)
         return EmptyText();
-
-    QString text(static_cast<int>(measure.Size()), Qt::Uninitialized);
-    Write write(reinterpret_cast<char16_t*>(text.data()), expectedCodes);
-    Reader writing(data, length, resetValue);
-    Run(writing, write, static_cast<uint64_t>(length));
+    QString text(static_cast<int>(size), Qt::Uninitialized);
+    WriteText(codes, reinterpret_cast<char16_t*>(text.data()));
     return text;
 }
 
