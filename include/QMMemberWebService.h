@@ -155,6 +155,19 @@ public:
     bool DumpBackupTokenToRegFile(std::wstring folder);
     bool GetIsLoginPolling() const { return m_bLoginPolling; }
 
+    // --- sign-in and profile --------------------------------------------------------
+    /// Password grant. \a credential receives the credential string that was sent.
+    EWSResult MemberLogIn(const std::wstring& email, const std::wstring& password, std::wstring& credential,
+                          int timeoutMs, bool flag);
+    /// Authorization-code grant for a browser sign-in bound to \a guid.
+    EWSResult MemberLogIn(const std::wstring& guid, std::wstring& credential, int timeoutMs, bool flag);
+    /// The member's profile, from "MemberInfo.json" while it is fresh unless \a forceServer.
+    EWSResult GetMemberLoginInfo(_CMemberLoginInfo& info, bool forceServer, bool flag, unsigned int timeoutMs);
+    /// Fetches the profile only when the stored refresh token changed since the last fetch.
+    EWSResult SyncMemberID();
+    /// Access token, refresh token, machine GUID, machine id and both machine keys, enciphered.
+    std::wstring GetQMMemberRequestInfo();
+
     // --- cache and URL-scheme codec ------------------------------------------------
     static QString GetCacheFolderPath();
     static void SetCacheFolderPath(QString path);
@@ -201,6 +214,12 @@ protected:
     bool SaveMemberToken(const std::wstring& accessToken, const std::wstring& refreshToken);
 
 private:
+    EWSResult MemberLogInBase(const std::wstring& credential, const std::string& body, std::wstring& credentialOut,
+                              int timeoutMs, bool flag, bool parameterCheck);
+    EWSResult GetAuthorizationCode(std::wstring guid, std::wstring& code, int timeoutMs);
+    EWSResult ConvertMemberLoginInfo(_CMemberLoginInfo& info, std::wstring& replyText, bool allowRetry,
+                                     bool allowSecondRetry, bool firstCacheRead);
+
     // The agent handed in by the host, or the library's own when none was.
     static QMRegistryTool::CQMRegistryAgent* Registry();
     std::wstring GetServerURL(int target);

@@ -26,6 +26,10 @@ namespace {
 constexpr int kErrorBadCredentials = 5;
 constexpr int kErrorBadParameters = 4;
 constexpr int kErrorUnknownToken = 13;
+constexpr int kErrorUnknownCode = 7;
+// apiStatus of the code call while the browser sign-in is pending, and for an unknown GUID.
+constexpr int kApiPending = 1;
+constexpr int kApiUnknownGuid = 4;
 
 QString Text(const std::string& utf8)
 {
@@ -290,6 +294,72 @@ void MemberServer::AddRoutes()
 
     m_server->Post("/MemberAPI/Token",
                    [this](const Request& request, Response& response) { HandleToken(request, response); });
+    m_server->Get("/MemberAPI/AuthorizationCode",
+                  [this](const Request& request, Response& response) { HandleAuthorizationCode(request, response); });
+    m_server->Get("/MemberAPI/v2/Logininfo",
+                  [this](const Request& request, Response& response) { HandleLoginInfo(request, response); });
+}
+
+bool MemberServer::BindSignIn(const QString& guid, const QString& email, const QString& password, bool checkPassword,
+                              int& status)
+{
+    ServerState::Member member;
+    const bool known = checkPassword ? m_state.CheckPassword(email, password, member) : m_state.FindMember(email, member);
+    std::lock_guard<std::mutex> lock(m_signInMutex);
+    SignIn& signIn = m_signIns[guid];
+    if (!known) {
+        signIn.status = status = 3;
+        signIn.code.clear();
+        return false;
+    }
+    signIn.status = status = 0;
+    signIn.code = QString::fromLatin1(QByteArray::number(QRandomGenerator::global()->generate64(), 36))
+                  + QString::fromLatin1(QByteArray::number(QRandomGenerator::global()->generate64(), 36));
+    m_codes[signIn.code] = member.id;
+    return true;
+}
+
+void MemberServer::HandleAuthorizationCode(const Request& request, Response& response)
+{
+    const QString guid = Text(request.get_param_value("GUID"));
+    SignIn signIn;
+    {
+        std::lock_guard<std::mutex> lock(m_signInMutex);
+        auto found = m_signIns.find(guid);
+        if (guid.isEmpty() || found == m_signIns.end())
+            return SendEnvelope(request, response, kApiUnknownGuid, kApiUnknownGuid, QJsonValue());
+        signIn = found->second;
+    }
+    if (signIn.status == 1)
+        return SendEnvelope(request, response, kApiPending, kApiPending, QJsonValue());
+    SendEnvelope(request, response, 2, 2,
+                 QJsonObject{{QStringLiteral("Status"), signIn.status}, {QStringLiteral("Code"), signIn.code}});
+}
+
+void MemberServer::HandleLoginInfo(const Request& request, Response& response)
+{
+    const std::string authorization = request.get_header_value("Authorization");
+    QString memberId;
+    const auto state = authorization.rfind("Token ", 0) == 0
+                           ? m_state.CheckAccess(Text(authorization.substr(6)), memberId)
+                           : ServerState::TokenState::Unknown;
+    if (state == ServerState::TokenState::Expired)
+        return SendEnvelope(request, response, 2, 6, QJsonValue());
+    ServerState::Member member;
+    if (state == ServerState::TokenState::Unknown || !m_state.FindMemberById(memberId, member))
+        return SendEnvelope(request, response, 2, 13, QJsonValue());
+    // Key spellings as the service has them, mixed case included.
+    const QJsonObject user{{QStringLiteral("MemberID"), member.id},   {QStringLiteral("Class"), 1},
+                           {QStringLiteral("NickName"), member.nickName}, {QStringLiteral("Email"), member.email},
+                           {QStringLiteral("FirstName"), member.firstName}, {QStringLiteral("LastName"), member.lastName}};
+    SendEnvelope(request, response, 2, 2,
+                 QJsonObject{{QStringLiteral("CCD_memberType"), 2},
+                             {QStringLiteral("avatarUrl"), QStringLiteral("https://") + Text(request.get_header_value("Host"))
+                                                               + QStringLiteral("/avatar/") + member.id + ".png"},
+                             {QStringLiteral("registrationdate"), QStringLiteral("2024-03-15T09:30:00")},
+                             {QStringLiteral("CartQty"), 1},
+                             {QStringLiteral("WLQty"), 3},
+                             {QStringLiteral("userinfo"), user}});
 }
 
 void MemberServer::HandleToken(const Request& request, Response& response)
@@ -329,6 +399,26 @@ void MemberServer::HandleToken(const Request& request, Response& response)
         if (email.isEmpty() || !m_state.CheckPassword(email, password, member))
             return fail(kErrorBadCredentials);
         return grantTokens(m_state.IssueTokens(member.id));
+    }
+    if (grant == QLatin1String("authorization_code")) {
+        // "Basic " + base64("launcher:" code ":" machine id ":" key ":" key); a code serves once.
+        const std::string authorization = request.get_header_value("Authorization");
+        if (authorization.rfind("Basic ", 0) != 0)
+            return fail(kErrorBadParameters);
+        const QList<QByteArray> parts =
+            QByteArray::fromBase64(QByteArray::fromStdString(authorization.substr(6))).split(':');
+        if (parts.size() != 5 || parts.at(0) != "launcher" || parts.at(1).isEmpty() || parts.at(2).isEmpty())
+            return fail(kErrorBadParameters);
+        QString memberId;
+        {
+            std::lock_guard<std::mutex> lock(m_signInMutex);
+            auto found = m_codes.find(QString::fromUtf8(parts.at(1)));
+            if (found == m_codes.end())
+                return fail(kErrorUnknownCode);
+            memberId = found->second;
+            m_codes.erase(found);
+        }
+        return grantTokens(m_state.IssueTokens(memberId));
     }
     fail(kErrorBadParameters);
 }
@@ -386,6 +476,23 @@ void MemberServer::AddAdminRoutes()
         const ServerState::Member member = m_state.AddMember(email, body.value(QStringLiteral("password")).toString(),
                                                              body.value(QStringLiteral("nickname")).toString());
         SendJson(response, QJsonObject{{QStringLiteral("memberid"), member.id}});
+    });
+    // Binds a browser sign-in GUID as the sign-in page would: {"guid", "email"} signs in,
+    // {"guid", "status": 3} refuses, {"guid"} alone leaves it pending.
+    m_server->Post("/admin/signin", [this](const Request& request, Response& response) {
+        const QJsonObject body = ParseObject(request.body);
+        const QString guid = body.value(QStringLiteral("guid")).toString();
+        if (guid.isEmpty())
+            return SendJson(response, QJsonObject{{QStringLiteral("error"), QStringLiteral("guid required")}}, 400);
+        int status = 1;
+        if (body.contains(QStringLiteral("email"))) {
+            BindSignIn(guid, body.value(QStringLiteral("email")).toString(), QString(), false, status);
+        } else {
+            std::lock_guard<std::mutex> lock(m_signInMutex);
+            status = body.value(QStringLiteral("status")).toInt(1);
+            m_signIns[guid] = SignIn{status, QString()};
+        }
+        SendJson(response, QJsonObject{{QStringLiteral("status"), status}});
     });
     // Hands a test a member's tokens without a sign-in; "ttl" 0 makes the access token expired.
     m_server->Post("/admin/token", [this](const Request& request, Response& response) {

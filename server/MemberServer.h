@@ -68,6 +68,19 @@ private:
     void LogRequest(const httplib::Request& request);
 
     void HandleToken(const httplib::Request& request, httplib::Response& response);
+    void HandleAuthorizationCode(const httplib::Request& request, httplib::Response& response);
+    void HandleLoginInfo(const httplib::Request& request, httplib::Response& response);
+
+    // A browser sign-in bound to a GUID: pending until the page binds it.
+    struct SignIn {
+        int status = 1; // 1 pending, 0 signed in, 3 refused
+        QString code;
+    };
+    std::mutex m_signInMutex;
+    std::map<QString, SignIn> m_signIns;      // by GUID
+    std::map<QString, QString> m_codes;       // one-time code -> member id
+    bool BindSignIn(const QString& guid, const QString& email, const QString& password, bool checkPassword,
+                    int& status);
 
     ServerOptions m_options;
     std::unique_ptr<httplib::SSLServer> m_server;

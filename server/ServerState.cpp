@@ -145,6 +145,16 @@ bool ServerState::FindMember(const QString& email, Member& member)
     return true;
 }
 
+bool ServerState::FindMemberById(const QString& memberId, Member& member)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    Statement find(m_db, "SELECT member_id, email, nickname, first_name, last_name FROM members WHERE member_id = ?1");
+    if (!find.Text(1, memberId).Row())
+        return false;
+    member = {find.ColumnText(0), find.ColumnText(1), find.ColumnText(2), find.ColumnText(3), find.ColumnText(4)};
+    return true;
+}
+
 bool ServerState::CheckPassword(const QString& email, const QString& password, Member& member)
 {
     QByteArray salt;

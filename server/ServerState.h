@@ -33,6 +33,7 @@ public:
     /// Creates the member, or returns the existing one with that e-mail.
     Member AddMember(const QString& email, const QString& password, const QString& nickName = QString());
     bool FindMember(const QString& email, Member& member);
+    bool FindMemberById(const QString& memberId, Member& member);
     bool CheckPassword(const QString& email, const QString& password, Member& member);
 
     struct Tokens {

@@ -74,6 +74,17 @@ QByteArray CacheKey()
     return key;
 }
 
+QByteArray RequestInfoKey()
+{
+    static const char mixed[] = {'Q' ^ 0x5A, 'm' ^ 0x13, 'R' ^ 0x66, '1' ^ 0x2C, 'n' ^ 0x71, 'f' ^ 0x08,
+                                 'o' ^ 0x3D, '#' ^ 0x49, 'k' ^ 0x52};
+    static const char masks[] = {0x5A, 0x13, 0x66, 0x2C, 0x71, 0x08, 0x3D, 0x49, 0x52};
+    QByteArray key(sizeof masks, Qt::Uninitialized);
+    for (int i = 0; i < key.size(); ++i)
+        key[i] = static_cast<char>(mixed[i] ^ masks[i]);
+    return key;
+}
+
 QString Encrypt(const QString& text, const QByteArray& key)
 {
     const QByteArray bytes = text.toUtf8();

@@ -22,6 +22,10 @@ QMMEMBERWEBSERVICE_EXPORT bool FromUpperHex(const QByteArray& hex, QByteArray& b
 /// call so that it never stands whole in the binary or in a long-lived buffer.
 QMMEMBERWEBSERVICE_EXPORT QByteArray CacheKey();
 
+/// The key of the member-request text (GetQMMemberRequestInfo), assembled the same way.
+/// Every program that reads that text uses this key.
+QMMEMBERWEBSERVICE_EXPORT QByteArray RequestInfoKey();
+
 /// Enciphers \a text under \a key; empty when either is empty.
 QMMEMBERWEBSERVICE_EXPORT QString Encrypt(const QString& text, const QByteArray& key);
 

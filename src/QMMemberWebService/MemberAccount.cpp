@@ -1,6 +1,9 @@
 #include "QMMemberWebService.h"
 
+#include "Cipher.h"
 #include "ServicePrivate.h"
+#include "../LZString/LZString.h"
+#include "../parameters/QMMemberWebServiceParameterCook.h"
 #include "../qmnetwork/HttpRequest.h"
 #include "../qmnetwork/QMNetworkCenter.h"
 #include "../registry/QMRegistryAgent.h"
@@ -11,6 +14,7 @@
 #include <QFile>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QStringList>
 #include <QTextStream>
 #include <QThread>
 
@@ -262,4 +266,335 @@ void CQMMemberWebService::OnMemberLogInPolling()
 void CQMMemberWebService::OnMemberUploadPolling()
 {
     qCDebug(lcService) << "CQMMemberWebService::OnMemberUploadPolling()";
+}
+
+// --- sign-in ---------------------------------------------------------------------------------
+
+namespace {
+
+const char* const kPasswordBody = "{\"grant_type\":\"password\",\"state\":\"\",\"scope\":\"\"}";
+const char* const kCodeBody = "{\"grant_type\":\"authorization_code\",\"state\":\"\",\"scope\":\"\"}";
+
+// A reply whose "result" may be LZString text is normalised to an object.
+QJsonObject ResultObject(const QJsonObject& top)
+{
+    const QJsonValue result = top.value(QLatin1String("result"));
+    if (result.isString())
+        return QJsonDocument::fromJson(LZString::decompressFromUTF16(result.toString()).toUtf8()).object();
+    return result.toObject();
+}
+
+} // namespace
+
+CQMMemberWebService::EWSResult CQMMemberWebService::MemberLogIn(const std::wstring& email,
+                                                                const std::wstring& password,
+                                                                std::wstring& credential, int timeoutMs, bool flag)
+{
+    const CQMMemberWebServiceParameterCook cook(ms_bInHouseTest);
+    std::wstring cooked;
+    if (!cook.CookPasswordCredential(email, password, m_strMachineID, m_strPrimaryMachineKey, m_strSecondaryMachineKey,
+                                     cooked))
+        return WS_PARAM_FAIL;
+    return MemberLogInBase(cooked, kPasswordBody, credential, timeoutMs, flag, true);
+}
+
+CQMMemberWebService::EWSResult CQMMemberWebService::MemberLogIn(const std::wstring& guid, std::wstring& credential,
+                                                                int timeoutMs, bool flag)
+{
+    std::wstring code;
+    const EWSResult result = GetAuthorizationCode(guid, code, timeoutMs);
+    if (result != 0 && result != WS_OK)
+        return result;
+    const CQMMemberWebServiceParameterCook cook(ms_bInHouseTest);
+    std::wstring cooked;
+    if (!cook.CookAuthorizationCodeCredential(code, m_strMachineID, m_strPrimaryMachineKey, m_strSecondaryMachineKey,
+                                              cooked))
+        return WS_PARAM_FAIL;
+    // The code grant does not send "ParameterCheckType"; the password grant does.
+    return MemberLogInBase(cooked, kCodeBody, credential, timeoutMs, flag, false);
+}
+
+CQMMemberWebService::EWSResult CQMMemberWebService::GetAuthorizationCode(std::wstring guid, std::wstring& code,
+                                                                         int timeoutMs)
+{
+    CHttpRequest* request = ServiceHttpRequest(QStringLiteral("CQMMemberWebService::GetAuthorizationCode"), true);
+    if (!request)
+        return WS_MEMORY_ALLOCATE_FAIL;
+    struct Release {
+        CQMMemberWebService* service;
+        CHttpRequest* request;
+        ~Release() { service->ReleaseServiceHttpRequest(request); }
+    } release{this, request};
+
+    std::wstring proxyAccount;
+    std::wstring proxyPassword;
+    CQMNetworkCenter::GetProxyData(proxyAccount, proxyPassword, true);
+    request->AddRawHeader(L"Compress-Output", L"false");
+    request->AddRawHeader(L"User-Agent", m_strUserAgent);
+    const std::wstring path = L"/MemberAPI/AuthorizationCode?GUID=" + guid;
+    std::wstring reply;
+    std::wstring replyHeaders;
+    EWSResult result = WS_CONNECTION_FAILED;
+    if (request->GetSync(m_strApiHost.c_str(), path.c_str(), reply, replyHeaders, nullptr,
+                         static_cast<unsigned int>(timeoutMs), true, nullptr, nullptr)) {
+        ms_bCurrentInternetConnection = true;
+        reply = request->GetReturnData();
+        result = WS_OK;
+    }
+    const QJsonDocument document = QJsonDocument::fromJson(Q(reply).toUtf8());
+    if (reply.empty() || document.isNull())
+        return result;
+    const QJsonObject top = document.object();
+    result = ProcessStatus(top.value(QLatin1String("apiStatus")).toInt(0), [] { return WS_UNEXPECT_FAIL; }, true);
+    if (result != WS_OK)
+        return result;
+    const QJsonObject data = ResultObject(top).value(QLatin1String("data")).toObject();
+    const int status = data.value(QLatin1String("Status")).toInt(0);
+    if (status != 0) {
+        qCDebug(lcService).nospace() << "CQMMemberWebService::GetAuthorizationCode Fail, LoginStatus = " << status;
+        emit LoginStatus(status);
+        return WS_LOGIN_STATUS_FAIL;
+    }
+    qCDebug(lcService) << "CQMMemberWebService::GetAuthorizationCode Success.";
+    code = data.value(QLatin1String("Code")).toString().toStdWString();
+    return WS_OK;
+}
+
+CQMMemberWebService::EWSResult CQMMemberWebService::MemberLogInBase(const std::wstring& credential,
+                                                                    const std::string& body,
+                                                                    std::wstring& credentialOut, int timeoutMs,
+                                                                    bool flag, bool parameterCheck)
+{
+    if (!ms_bInternetConnection && ms_bCheckCurrentInternetConnection && !ms_bCurrentInternetConnection)
+        return WS_NO_INTERNET;
+    credentialOut = credential;
+    if (credential.empty())
+        return WS_PARAM_FAIL;
+
+    std::wstring proxyAccount;
+    std::wstring proxyPassword;
+    CQMNetworkCenter::GetProxyData(proxyAccount, proxyPassword, true);
+    CQMWaitCursor cursor(m_bWaitCursor);
+    CHttpRequest* request = ServiceHttpRequest(QStringLiteral("CQMMemberWebService::MemberLogInBase"), true);
+    if (!request)
+        return WS_MEMORY_ALLOCATE_FAIL;
+    struct Release {
+        CQMMemberWebService* service;
+        CHttpRequest* request;
+        ~Release() { service->ReleaseServiceHttpRequest(request); }
+    } release{this, request};
+
+    request->AddRawHeader(L"User-Agent", m_strUserAgent);
+    request->AddRawHeader(L"Authorization", L"Basic " + credential);
+    if (parameterCheck)
+        request->AddRawHeader(L"ParameterCheckType", L"1");
+    request->SetRequestFlag(flag);
+    std::wstring reply;
+    std::wstring replyHeaders;
+    if (!request->PostSync(m_strApiHost.c_str(), L"/MemberAPI/Token", body.c_str(), reply, replyHeaders,
+                           static_cast<unsigned int>(timeoutMs), true, L"application/json", nullptr, false)) {
+        ms_bCurrentInternetConnection = false;
+        qCWarning(lcService).noquote() << "CQMMemberWebService::MemberLogInBase Connect error ="
+                                       << request->GetNetLastError()
+                                       << ", Param =" << QString::fromStdWString(request->GetParameters());
+        return WS_CONNECTION_FAILED;
+    }
+    ms_bCurrentInternetConnection = true;
+    reply = request->GetReturnData();
+    CQMNetworkCenter::SaveProxyData(proxyAccount, proxyPassword, true);
+    const QJsonDocument document = QJsonDocument::fromJson(Q(reply).toUtf8());
+
+    EWSResult result = WS_UNEXPECT_FAIL;
+    if (!reply.empty() && !document.isNull()) {
+        const QJsonObject object = document.object();
+        const QJsonValue error = object.value(QLatin1String("error"));
+        const QJsonValue access = object.value(QLatin1String("access_token"));
+        const QJsonValue refresh = object.value(QLatin1String("refresh_token"));
+        if (!error.isUndefined() && !error.isNull()) {
+            result = ProcessStatus(error.toInt(), [] { return WS_UNEXPECT_FAIL; }, true);
+        } else if (access.isString() && refresh.isString()) {
+            result = SaveMemberToken(access.toString().toStdWString(), refresh.toString().toStdWString())
+                         ? WS_OK
+                         : WS_UNEXPECT_FAIL;
+        }
+    }
+    if (result == WS_OK) {
+        // The next profile and product reads must ask the server.
+        ClearCacheFile(QStringLiteral("ProductInfoList.json"));
+        ClearCacheFile(QStringLiteral("MemberInfo.json"));
+    }
+    return result;
+}
+
+// --- member profile --------------------------------------------------------------------------
+
+namespace {
+
+// A server that keeps answering "token expired" must not make the profile fetch recurse without end.
+constexpr int kMaxProfileDepth = 2;
+thread_local int t_profileDepth = 0;
+
+const QString kMemberInfoFile = QStringLiteral("MemberInfo.json");
+
+} // namespace
+
+CQMMemberWebService::EWSResult CQMMemberWebService::ConvertMemberLoginInfo(_CMemberLoginInfo& info,
+                                                                           std::wstring& replyText, bool allowRetry,
+                                                                           bool allowSecondRetry, bool firstCacheRead)
+{
+    int apiStatus = 0;
+    int status = -1;
+    QJsonDocument document;
+    if (!ParseJsonResult(replyText, apiStatus, status, document))
+        return WS_UNEXPECT_FAIL;
+    EWSResult result = WS_UNEXPECT_FAIL;
+    if (firstCacheRead) {
+        // A cached reply never starts a token refresh.
+        if (apiStatus != WS_OK || status != WS_OK)
+            return static_cast<EWSResult>(-14);
+        result = WS_OK;
+    } else {
+        // After a refresh the profile is fetched again by the caller, so the retry only says "expired".
+        result = ProcessStatus(apiStatus, [] { return WS_TOKEN_EXPIRE; }, allowRetry);
+        if (result == WS_OK)
+            result = ProcessStatus(status, [] { return WS_TOKEN_EXPIRE; }, allowSecondRetry);
+    }
+    if (result != WS_OK)
+        return result;
+
+    const QJsonObject data =
+        document.object().value(QLatin1String("result")).toObject().value(QLatin1String("data")).toObject();
+    const QJsonObject user = data.value(QLatin1String("userinfo")).toObject();
+    auto text = [](const QJsonObject& object, const char* key) {
+        return object.value(QLatin1String(key)).toString().toStdWString();
+    };
+    auto number = [](const QJsonObject& object, const char* key) {
+        return object.value(QLatin1String(key)).toInt(0);
+    };
+    m_strMemberID = text(user, "MemberID");
+    info.strMemberID = m_strMemberID;
+    info.strEmail = text(user, "Email");
+    info.strNickName = text(user, "NickName");
+    info.strFirstName = text(user, "FirstName");
+    info.strLastName = text(user, "LastName");
+    info.strAvatarUrl = text(data, "avatarUrl");
+    info.strRegistrationDate = text(data, "registrationdate");
+    info.nMemberType = number(data, "CCD_memberType");
+    info.nClass = number(user, "Class");
+    info.nCartQty = number(data, "CartQty");
+    info.nWishListQty = number(data, "WLQty");
+    return WS_OK;
+}
+
+CQMMemberWebService::EWSResult CQMMemberWebService::GetMemberLoginInfo(_CMemberLoginInfo& info, bool forceServer,
+                                                                       bool flag, unsigned int timeoutMs)
+{
+    const bool haveFolder = !GetCacheFolderPath().isEmpty();
+    const bool cacheExisted = IsCacheFileExist(kMemberInfoFile);
+    bool useCache = haveFolder && !forceServer && cacheExisted && !IsCacheFileExpire(kMemberInfoFile);
+    bool serverFirst = !haveFolder || forceServer;
+    EWSResult result = WS_OK;
+
+    if (!ms_bInternetConnection && ms_bCheckCurrentInternetConnection && !ms_bCurrentInternetConnection) {
+        emit ErrorNotice(QString(), WS_NO_INTERNET);
+        useCache = true; // offline: a stale cache is better than nothing
+        result = WS_NO_INTERNET;
+    }
+    if (useCache) {
+        std::wstring cached = GetCacheContent(kMemberInfoFile).toStdWString();
+        result = ConvertMemberLoginInfo(info, cached, false, false, true);
+        if (result == WS_OK) {
+            emit FinishGetMemberLoginInfo();
+            return WS_OK;
+        }
+        serverFirst = true;
+    }
+
+    CHttpRequest* request = ServiceHttpRequest(QStringLiteral("CQMMemberWebService::GetMemberLoginInfo"), true);
+    if (!request)
+        return WS_MEMORY_ALLOCATE_FAIL;
+    struct Release {
+        CQMMemberWebService* service;
+        CHttpRequest* request;
+        ~Release() { service->ReleaseServiceHttpRequest(request); }
+    } release{this, request};
+    std::wstring proxyAccount;
+    std::wstring proxyPassword;
+    CQMNetworkCenter::GetProxyData(proxyAccount, proxyPassword, true);
+    CQMWaitCursor cursor(m_bWaitCursor);
+    std::wstring accessToken;
+    if (!GetAccessToken(accessToken))
+        return result;
+    request->AddRawHeader(L"User-Agent", m_strUserAgent);
+    request->AddRawHeader(L"Authorization", L"Token " + accessToken);
+    request->AddRawHeader(L"Compress-Output", L"false");
+    request->SetRequestFlag(flag);
+    std::wstring reply;
+    std::wstring replyHeaders;
+    const bool ok = request->GetSync(m_strApiHost.c_str(), L"/MemberAPI/v2/Logininfo", reply, replyHeaders, nullptr,
+                                     timeoutMs, true, L"application/json", nullptr);
+    ConnectionEndProcess(proxyAccount, proxyPassword, true, ok, QString());
+    reply = request->GetReturnData();
+
+    result = ConvertMemberLoginInfo(info, reply, true, true, false);
+    if (result == WS_TOKEN_EXPIRE) {
+        if (!ms_bCurrentInternetConnection) {
+            emit GetTokenFailed();
+        } else if (t_profileDepth < kMaxProfileDepth) {
+            ++t_profileDepth;
+            const EWSResult again = GetMemberLoginInfo(info, forceServer, flag, timeoutMs);
+            --t_profileDepth;
+            return again;
+        } else {
+            emit ErrorNotice(QString(), result);
+        }
+    } else if (result == WS_OK) {
+        // An expired cache is not rewritten unless the server was asked first.
+        if (!reply.empty() && (serverFirst || !cacheExisted) && haveFolder) {
+            _CMemberLoginInfo scratch;
+            std::wstring copy = reply;
+            if (ConvertMemberLoginInfo(scratch, copy, false, false, false) == WS_OK)
+                CreateCacheFile(Q(reply), kMemberInfoFile);
+            else
+                ClearCacheFile(kMemberInfoFile);
+        }
+    } else {
+        std::wstring cached = cacheExisted ? GetCacheContent(kMemberInfoFile).toStdWString() : std::wstring();
+        if (cached.empty() || ConvertMemberLoginInfo(info, cached, false, false, false) != WS_OK)
+            emit ErrorNotice(QString(), result);
+        else
+            result = WS_OK;
+    }
+    emit FinishGetMemberLoginInfo();
+    return result;
+}
+
+CQMMemberWebService::EWSResult CQMMemberWebService::SyncMemberID()
+{
+    std::wstring refreshToken;
+    GetRefreshToken(refreshToken);
+    if (m_bProfileFetched && !m_strProfileRefreshToken.empty() && m_strProfileRefreshToken == refreshToken)
+        return WS_OK;
+    _CMemberLoginInfo scratch;
+    const EWSResult result = GetMemberLoginInfo(scratch, true, true, 30000);
+    m_strProfileRefreshToken = refreshToken;
+    m_bProfileFetched = true;
+    return result;
+}
+
+std::wstring CQMMemberWebService::GetQMMemberRequestInfo()
+{
+    std::wstring access;
+    std::wstring refresh;
+    if (!GetAccessToken(access))
+        access.clear();
+    if (!GetRefreshToken(refresh))
+        refresh.clear();
+    const QStringList parts = {Q(access),
+                               Q(refresh),
+                               Q(Registry()->GetMachineGuid()),
+                               Q(m_strMachineID),
+                               Q(m_strPrimaryMachineKey),
+                               Q(m_strSecondaryMachineKey)};
+    return QMCipher::Encrypt(parts.join(QLatin1Char(',')), QMCipher::RequestInfoKey()).toStdWString();
 }

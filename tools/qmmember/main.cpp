@@ -17,6 +17,8 @@
 #include <QTextStream>
 
 #include <cstdio>
+#include <termios.h>
+#include <unistd.h>
 #include <functional>
 #include <map>
 
@@ -34,6 +36,13 @@ const char* const kUsage = R"(usage: qmmember [--json] COMMAND ...
                                one GET to the API host through the request pipeline
   post PATH BODY [--login] [--timeout MS] [--product-key KEY]
                                one POST with a JSON body
+  login --email E [--password-stdin] [--timeout MS]
+                               sign in with e-mail and password (read without echo, never from the
+                               command line)
+  profile [--force]            the member's profile, and whether it came from the cache
+  whoami                       the member id in the stored token
+  logout                       sign out (the backup token stays)
+  token export DIR             write DIR/QMBakToken.reg for the registry editor
   lz decode FILE [--json-string]
                                decode an lz-string UTF-16 text (UTF-16LE bytes, or a JSON string)
   urlscheme encode TEXT | decode TOKEN
@@ -60,9 +69,12 @@ public:
 
     void Field(const QString& label, const QJsonValue& value)
     {
+        if (!m_object.contains(label))
+            m_order.append(label);
         m_object.insert(label, value);
-        m_order.append(label);
     }
+
+    bool Has(const QString& label) const { return m_object.contains(label); }
 
     // Prints the fields, as one JSON object or as aligned lines.
     void Print()
@@ -172,10 +184,23 @@ QString Hint(int code)
         return QStringLiteral("if the call needs a login: sign in first");
     case CQMMemberWebService::WS_SERVER_BUSY:
         return QStringLiteral("the server is busy: try again later");
+    case 5:
+        return QStringLiteral("wrong e-mail or password");
+    case CQMMemberWebService::WS_PARAM_FAIL:
+        return QStringLiteral("the server refused the request's parameters");
+    case CQMMemberWebService::WS_TOKEN_EXPIRE:
+    case CQMMemberWebService::WS_TOKEN_VERIFY_FAIL:
+        return QStringLiteral("the stored session is no longer valid: sign in again");
+    case CQMMemberWebService::WS_LOGIN_STATUS_FAIL:
+        return QStringLiteral("the browser sign-in was refused");
+    case CQMMemberWebService::WS_NO_INTERNET:
+        return QStringLiteral("no connection to the internet");
     default:
         return QString();
     }
 }
+
+int Report(Output& out, CQMMemberWebService& service, int code);
 
 int Info(const Arguments& args, bool json)
 {
@@ -280,17 +305,148 @@ int Request(const Arguments& args, bool json, bool post)
                                                    post ? p.at(1).toStdString() : std::string(), resultText,
                                                    timeout);
     Output out(json);
+    out.Field(QStringLiteral("data"), QString::fromStdWString(resultText));
+    return Report(out, service, code);
+}
+
+// Prints the result code with its text and, on failure, a hint.
+int Report(Output& out, CQMMemberWebService& service, int code)
+{
     out.Field(QStringLiteral("result"), code);
-    // Success has no text of its own ("Unexpect Fail" is the default branch).
     out.Field(QStringLiteral("text"), code == CQMMemberWebService::WS_OK
                                           ? QStringLiteral("OK")
                                           : QString::fromStdWString(service.GetErrorCodeString(code)));
-    out.Field(QStringLiteral("data"), QString::fromStdWString(resultText));
     const QString hint = Hint(code);
-    if (code != CQMMemberWebService::WS_OK && !hint.isEmpty())
+    if (code != CQMMemberWebService::WS_OK && !hint.isEmpty() && !out.Has(QStringLiteral("hint")))
         out.Field(QStringLiteral("hint"), hint);
     out.Print();
     return code == CQMMemberWebService::WS_OK ? 0 : 1;
+}
+
+// The password comes from standard input with --password-stdin, else from the
+// terminal with echo turned off; never from the command line.
+bool ReadPassword(bool fromStdin, QString& password)
+{
+    QTextStream in(stdin);
+    in.setCodec("UTF-8");
+    if (fromStdin) {
+        password = in.readLine();
+        return true;
+    }
+    if (!::isatty(STDIN_FILENO)) {
+        Error(QStringLiteral("no terminal to read the password from: pipe it in with --password-stdin"));
+        return false;
+    }
+    std::fputs("Password: ", stderr);
+    std::fflush(stderr);
+    termios saved {};
+    ::tcgetattr(STDIN_FILENO, &saved);
+    termios quiet = saved;
+    quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+    ::tcsetattr(STDIN_FILENO, TCSAFLUSH, &quiet);
+    password = in.readLine();
+    ::tcsetattr(STDIN_FILENO, TCSAFLUSH, &saved);
+    std::fputs("\n", stderr);
+    return true;
+}
+
+int Login(const Arguments& args, bool json)
+{
+    if (args.Flag(QStringLiteral("--password"))) {
+        Error(QStringLiteral("a password on the command line is visible to other users: use the prompt or --password-stdin"));
+        return 2;
+    }
+    if (!args.Flag(QStringLiteral("--email")) || !args.positional.isEmpty()) {
+        Error(QStringLiteral("usage: qmmember login --email E [--password-stdin] [--timeout MS]"));
+        return 2;
+    }
+    int timeout = 30000;
+    if (args.Flag(QStringLiteral("--timeout"))
+        && !ParseInt(args.Value(QStringLiteral("--timeout")), QStringLiteral("--timeout"), timeout))
+        return 2;
+    QString password;
+    if (!ReadPassword(args.Flag(QStringLiteral("--password-stdin")), password))
+        return 2;
+    CQMMemberWebService service(args.Value(QStringLiteral("--product-key")).toStdWString(), false, 10000, 0);
+    std::wstring credential;
+    const int code = service.MemberLogIn(args.Value(QStringLiteral("--email")).toStdWString(),
+                                         password.toStdWString(), credential, timeout, true);
+    Output out(json);
+    if (code == CQMMemberWebService::WS_OK)
+        out.Field(QStringLiteral("member_id"), QString::fromStdWString(service.GetMemberIDByToken()));
+    return Report(out, service, code);
+}
+
+int Profile(const Arguments& args, bool json)
+{
+    if (!args.positional.isEmpty()) {
+        Error(QStringLiteral("usage: qmmember profile [--force]"));
+        return 2;
+    }
+    const bool force = args.Flag(QStringLiteral("--force"));
+    CQMMemberWebService service(args.Value(QStringLiteral("--product-key")).toStdWString(), false, 10000, 0);
+    const QString file = QStringLiteral("MemberInfo.json");
+    const bool fresh = !force && QMCache::Exists(file) && !QMCache::Expired(file);
+    if (!fresh && !service.IsMemberLogIn()) {
+        // The library answers 2 with an empty record when it has no token to send.
+        Error(QStringLiteral("no member is signed in: run qmmember login"));
+        return 1;
+    }
+    bool exchangeFailed = false;
+    QObject::connect(&service, QOverload<QString, CQMMemberWebService::EWSResult>::of(&CQMMemberWebService::ErrorNotice),
+                     &service, [&exchangeFailed](QString, CQMMemberWebService::EWSResult) { exchangeFailed = true; });
+    _CMemberLoginInfo info;
+    const int code = service.GetMemberLoginInfo(info, force, true, 30000);
+    Output out(json);
+    if (code == CQMMemberWebService::WS_OK) {
+        out.Field(QStringLiteral("source"), fresh ? QStringLiteral("cache")
+                                            : exchangeFailed ? QStringLiteral("cache (the server was unreachable)")
+                                                             : QStringLiteral("server"));
+        out.Field(QStringLiteral("member_id"), QString::fromStdWString(info.strMemberID));
+        out.Field(QStringLiteral("email"), QString::fromStdWString(info.strEmail));
+        out.Field(QStringLiteral("nickname"), QString::fromStdWString(info.strNickName));
+        out.Field(QStringLiteral("first_name"), QString::fromStdWString(info.strFirstName));
+        out.Field(QStringLiteral("last_name"), QString::fromStdWString(info.strLastName));
+        out.Field(QStringLiteral("avatar_url"), QString::fromStdWString(info.strAvatarUrl));
+        out.Field(QStringLiteral("registration_date"), QString::fromStdWString(info.strRegistrationDate));
+        out.Field(QStringLiteral("member_type"), info.nMemberType);
+        out.Field(QStringLiteral("class"), info.nClass);
+        out.Field(QStringLiteral("cart_quantity"), info.nCartQty);
+        out.Field(QStringLiteral("wish_list_quantity"), info.nWishListQty);
+    }
+    return Report(out, service, code);
+}
+
+int Account(const QString& command, const Arguments& args, bool json)
+{
+    const QStringList& p = args.positional;
+    Output out(json);
+    if (command == QLatin1String("whoami") && p.isEmpty()) {
+        const QString id = QString::fromStdWString(CQMMemberWebService::GetMemberIDByTokenStaicVersion());
+        if (id.isEmpty()) {
+            Error(QStringLiteral("no member id in the stored token: nobody has signed in here"));
+            return 1;
+        }
+        out.Field(QStringLiteral("member_id"), id);
+    } else if (command == QLatin1String("logout") && p.isEmpty()) {
+        if (!CQMMemberWebService::MemberLogOut()) {
+            Error(QStringLiteral("no member was signed in"));
+            return 1;
+        }
+        out.Field(QStringLiteral("signed_out"), true);
+    } else if (command == QLatin1String("token") && p.size() == 2 && p.at(0) == QLatin1String("export")) {
+        CQMMemberWebService service(0);
+        if (!service.DumpBackupTokenToRegFile(p.at(1).toStdWString())) {
+            Error(QStringLiteral("cannot write %1/QMBakToken.reg").arg(p.at(1)));
+            return 1;
+        }
+        out.Field(QStringLiteral("written"), p.at(1) + QLatin1String("/QMBakToken.reg"));
+    } else {
+        Error(QStringLiteral("usage: qmmember whoami | logout | token export DIR"));
+        return 2;
+    }
+    out.Print();
+    return 0;
 }
 
 int Lz(const Arguments& args, bool json)
@@ -409,7 +565,9 @@ int main(int argc, char** argv)
 
     const QString command = args.takeFirst();
     Arguments parsed;
-    if (!Parse(args, {QStringLiteral("--product-key"), QStringLiteral("--target"), QStringLiteral("--timeout")},
+    if (!Parse(args,
+               {QStringLiteral("--product-key"), QStringLiteral("--target"), QStringLiteral("--timeout"),
+                QStringLiteral("--email")},
                parsed))
         return 2;
     const std::map<QString, std::function<int()>> commands = {
@@ -417,6 +575,11 @@ int main(int argc, char** argv)
         {QStringLiteral("store"), [&] { return Store(parsed, json); }},
         {QStringLiteral("get"), [&] { return Request(parsed, json, false); }},
         {QStringLiteral("post"), [&] { return Request(parsed, json, true); }},
+        {QStringLiteral("login"), [&] { return Login(parsed, json); }},
+        {QStringLiteral("profile"), [&] { return Profile(parsed, json); }},
+        {QStringLiteral("whoami"), [&] { return Account(command, parsed, json); }},
+        {QStringLiteral("logout"), [&] { return Account(command, parsed, json); }},
+        {QStringLiteral("token"), [&] { return Account(command, parsed, json); }},
         {QStringLiteral("lz"), [&] { return Lz(parsed, json); }},
         {QStringLiteral("urlscheme"), [&] { return UrlScheme(parsed, json); }},
         {QStringLiteral("cache"), [&] { return Cache(parsed, json); }},
