@@ -13,6 +13,7 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QLoggingCategory>
 #include <QStringList>
 #include <QTextStream>
 
@@ -24,7 +25,7 @@
 
 namespace {
 
-const char* const kUsage = R"(usage: qmmember [--json] COMMAND ...
+const char* const kUsage = R"(usage: qmmember [--json] [--verbose] COMMAND ...
 
   info [--product-key KEY] [--store-build] [--target N]
                                hosts, machine identity, user agent, product values
@@ -337,13 +338,14 @@ bool ReadPassword(bool fromStdin, QString& password)
         Error(QStringLiteral("no terminal to read the password from: pipe it in with --password-stdin"));
         return false;
     }
-    std::fputs("Password: ", stderr);
-    std::fflush(stderr);
+    // Echo goes off before the prompt shows, so nothing typed after it is echoed or flushed.
     termios saved {};
     ::tcgetattr(STDIN_FILENO, &saved);
     termios quiet = saved;
     quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO);
     ::tcsetattr(STDIN_FILENO, TCSAFLUSH, &quiet);
+    std::fputs("Password: ", stderr);
+    std::fflush(stderr);
     password = in.readLine();
     ::tcsetattr(STDIN_FILENO, TCSAFLUSH, &saved);
     std::fputs("\n", stderr);
@@ -556,6 +558,9 @@ int main(int argc, char** argv)
     QCoreApplication application(argc, argv);
     QStringList args = application.arguments().mid(1);
     const bool json = args.removeAll(QStringLiteral("--json")) > 0;
+    // The library's log is for developers; --verbose shows it.
+    if (args.removeAll(QStringLiteral("--verbose")) == 0)
+        QLoggingCategory::setFilterRules(QStringLiteral("qm.*=false"));
     if (args.isEmpty() || args.first() == QLatin1String("--help") || args.first() == QLatin1String("help")) {
         std::fputs(kUsage, args.isEmpty() ? stderr : stdout);
         return args.isEmpty() ? 2 : 0;
