@@ -21,6 +21,7 @@ class QDomDocument;
 class QDomElement;
 class QJsonDocument;
 class QJsonObject;
+class QThread;
 class QTimer;
 
 namespace QMRegistryTool {
@@ -161,6 +162,13 @@ public:
                           int timeoutMs, bool flag);
     /// Authorization-code grant for a browser sign-in bound to \a guid.
     EWSResult MemberLogIn(const std::wstring& guid, std::wstring& credential, int timeoutMs, bool flag);
+    /// Starts a browser sign-in: an inner service on a thread of its own asks for the code
+    /// bound to \a guid every \a pollIntervalMs until the sign-in succeeds or fails, \a timeLimitMs
+    /// runs out, or OnMemberLogInStop() is called. The outcome comes once, by LoginResult (and the
+    /// plain callback), or, for a sign-in the browser refused, by LoginStatus only.
+    void MemberLogInPollingAsync(const std::wstring& guid, int timeLimitMs, int pollIntervalMs, bool flag);
+    /// True from MemberLogInPollingAsync until its thread has finished or it was stopped.
+    bool IsAsyncLoginRunning() const { return m_bAsyncLogin; }
     /// The member's profile, from "MemberInfo.json" while it is fresh unless \a forceServer.
     EWSResult GetMemberLoginInfo(_CMemberLoginInfo& info, bool forceServer, bool flag, unsigned int timeoutMs);
     /// Fetches the profile only when the stored refresh token changed since the last fetch.
@@ -225,7 +233,10 @@ private:
     std::wstring GetServerURL(int target);
     std::wstring GetApiServerURL(int target);
     void OnInnerServiceDestroyed();
+    void StartLoginTimer(int ms);
+    void StopLoginTimer();
     void StopInnerLoginPolling() { m_bLoginPolling = false; }
+    void RelayLoginResult(EWSResult result, const std::wstring& text, QThread* pollingThread);
 
     static bool CreateCacheFile(QString content, QString fileName);
     static QString GetCacheContent(QString fileName);
@@ -256,6 +267,7 @@ private:
     bool m_bLoginRequestFlag = true;
     std::atomic<bool> m_bLoginPolling{false};
     QTimer* m_pLoginTimer = nullptr;
+    QThread* m_pLoginTimerThread = nullptr;
     LoginResultCallback m_pfnLoginResult = nullptr;
     bool m_bWaitCursor = true;
     std::wstring m_strApiHost;

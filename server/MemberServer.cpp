@@ -5,7 +5,10 @@
 
 #include <QJsonArray>
 #include <QJsonDocument>
+#include <QDateTime>
 #include <QRandomGenerator>
+#include <QRegularExpression>
+#include <QUrlQuery>
 
 #include <openssl/pem.h>
 #include <openssl/ssl.h>
@@ -30,6 +33,53 @@ constexpr int kErrorUnknownCode = 7;
 // apiStatus of the code call while the browser sign-in is pending, and for an unknown GUID.
 constexpr int kApiPending = 1;
 constexpr int kApiUnknownGuid = 4;
+// A browser sign-in link is good for this long.
+constexpr qint64 kSignInLifetimeMs = 15 * 60 * 1000;
+
+QString Html(const QString& text)
+{
+    return text.toHtmlEscaped();
+}
+
+// The sign-in page: one accessible form, or a message.
+std::string Page(const QString& title, const QString& body)
+{
+    return QStringLiteral(
+               "<!DOCTYPE html><html lang=\"en\"><head><meta charset=\"utf-8\">"
+               "<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\">"
+               "<title>%1 - Quillmarsh</title><style>"
+               "body{font-family:system-ui,sans-serif;background:#f3f4f6;margin:0;display:flex;min-height:100vh;"
+               "align-items:center;justify-content:center;color:#111827}"
+               "main{background:#fff;padding:2rem 2.5rem;border-radius:12px;box-shadow:0 4px 24px #0002;width:22rem}"
+               "h1{font-size:1.4rem;margin:0 0 1rem}label{display:block;margin:1rem 0 .3rem;font-weight:600}"
+               "input{width:100%%;box-sizing:border-box;padding:.6rem;border:1px solid #9ca3af;border-radius:6px;"
+               "font-size:1rem}input:focus{outline:3px solid #2563eb55;border-color:#2563eb}"
+               "button{margin-top:1.5rem;width:100%%;padding:.7rem;border:0;border-radius:6px;background:#2563eb;"
+               "color:#fff;font-size:1rem;font-weight:600;cursor:pointer}"
+               "p.error{background:#fef2f2;color:#991b1b;padding:.7rem;border-radius:6px}"
+               "p.done{background:#ecfdf5;color:#065f46;padding:.7rem;border-radius:6px}"
+               "</style></head><body><main>%2</main></body></html>")
+        .arg(Html(title), body)
+        .replace(QLatin1String("%%"), QLatin1String("%"))
+        .toStdString();
+}
+
+QString SignInForm(const QString& guid, const QString& email, const QString& error)
+{
+    QString form = QStringLiteral("<h1>Sign in to Quillmarsh</h1>");
+    if (!error.isEmpty())
+        form += QStringLiteral("<p class=\"error\" role=\"alert\">%1</p>").arg(Html(error));
+    form += QStringLiteral(
+                "<form method=\"post\" action=\"/signin\">"
+                "<input type=\"hidden\" name=\"guid\" value=\"%1\">"
+                "<label for=\"email\">E-mail</label>"
+                "<input id=\"email\" name=\"email\" type=\"email\" autocomplete=\"username\" required value=\"%2\">"
+                "<label for=\"password\">Password</label>"
+                "<input id=\"password\" name=\"password\" type=\"password\" autocomplete=\"current-password\" required>"
+                "<button type=\"submit\">Sign in</button></form>")
+                .arg(Html(guid), Html(email));
+    return form;
+}
 
 QString Text(const std::string& utf8)
 {
@@ -298,6 +348,67 @@ void MemberServer::AddRoutes()
                   [this](const Request& request, Response& response) { HandleAuthorizationCode(request, response); });
     m_server->Get("/MemberAPI/v2/Logininfo",
                   [this](const Request& request, Response& response) { HandleLoginInfo(request, response); });
+    m_server->Get("/signin", [this](const Request& request, Response& response) { ShowSignInPage(request, response); });
+    m_server->Post("/signin",
+                   [this](const Request& request, Response& response) { SubmitSignInPage(request, response); });
+}
+
+void MemberServer::ShowSignInPage(const Request& request, Response& response)
+{
+    const QString guid = Text(request.get_param_value("GUID"));
+    SignIn signIn;
+    bool expired = false;
+    if (!PendingSignIn(guid, signIn, expired)) {
+        response.status = 400;
+        return response.set_content(Page(QStringLiteral("Sign-in link not valid"),
+                                         QStringLiteral("<h1>This sign-in link is not valid</h1><p class=\"error\" "
+                                                        "role=\"alert\">Start the sign-in again from the application."
+                                                        "</p>")),
+                                    "text/html; charset=utf-8");
+    }
+    if (expired || signIn.status != 1) {
+        response.status = 410;
+        return response.set_content(
+            Page(QStringLiteral("Sign-in link expired"),
+                 QStringLiteral("<h1>This sign-in link has expired</h1><p class=\"error\" role=\"alert\">It was used "
+                                "already or is too old. Start the sign-in again from the application.</p>")),
+            "text/html; charset=utf-8");
+    }
+    response.set_content(Page(QStringLiteral("Sign in"), SignInForm(guid, QString(), QString())),
+                         "text/html; charset=utf-8");
+}
+
+void MemberServer::SubmitSignInPage(const Request& request, Response& response)
+{
+    QString body = Text(request.body);
+    body.replace(QLatin1Char('+'), QLatin1Char(' ')); // forms encode blanks as '+'
+    const QUrlQuery form(body);
+    const QString guid = form.queryItemValue(QStringLiteral("guid"), QUrl::FullyDecoded);
+    const QString email = form.queryItemValue(QStringLiteral("email"), QUrl::FullyDecoded);
+    const QString password = form.queryItemValue(QStringLiteral("password"), QUrl::FullyDecoded);
+    SignIn signIn;
+    bool expired = false;
+    if (!PendingSignIn(guid, signIn, expired) || expired || signIn.status != 1) {
+        response.status = 410;
+        return response.set_content(
+            Page(QStringLiteral("Sign-in link expired"),
+                 QStringLiteral("<h1>This sign-in link has expired</h1><p class=\"error\" role=\"alert\">Start the "
+                                "sign-in again from the application.</p>")),
+            "text/html; charset=utf-8");
+    }
+    int status = 1;
+    if (!BindSignIn(guid, email, password, true, status)) {
+        response.status = 401;
+        return response.set_content(
+            Page(QStringLiteral("Wrong e-mail or password"),
+                 QStringLiteral("<h1>Sign-in refused</h1><p class=\"error\" role=\"alert\">The e-mail or the password "
+                                "is wrong. The application has been told; start the sign-in again from there.</p>")),
+            "text/html; charset=utf-8");
+    }
+    response.set_content(Page(QStringLiteral("Signed in"),
+                              QStringLiteral("<h1>You are signed in</h1><p class=\"done\" role=\"status\">You can "
+                                             "close this window and return to the application.</p>")),
+                         "text/html; charset=utf-8");
 }
 
 bool MemberServer::BindSignIn(const QString& guid, const QString& email, const QString& password, bool checkPassword,
@@ -313,9 +424,26 @@ bool MemberServer::BindSignIn(const QString& guid, const QString& email, const Q
         return false;
     }
     signIn.status = status = 0;
+    signIn.created = QDateTime::currentMSecsSinceEpoch();
     signIn.code = QString::fromLatin1(QByteArray::number(QRandomGenerator::global()->generate64(), 36))
                   + QString::fromLatin1(QByteArray::number(QRandomGenerator::global()->generate64(), 36));
     m_codes[signIn.code] = member.id;
+    return true;
+}
+
+bool MemberServer::PendingSignIn(const QString& guid, SignIn& signIn, bool& expired)
+{
+    static const QRegularExpression wellFormed(QStringLiteral("^[A-Za-z0-9-]{8,64}$"));
+    expired = false;
+    if (!wellFormed.match(guid).hasMatch())
+        return false;
+    const qint64 now = QDateTime::currentMSecsSinceEpoch();
+    std::lock_guard<std::mutex> lock(m_signInMutex);
+    auto found = m_signIns.find(guid);
+    if (found == m_signIns.end())
+        found = m_signIns.emplace(guid, SignIn{1, QString(), now}).first;
+    signIn = found->second;
+    expired = signIn.status == 1 && now - signIn.created > kSignInLifetimeMs;
     return true;
 }
 
@@ -323,13 +451,9 @@ void MemberServer::HandleAuthorizationCode(const Request& request, Response& res
 {
     const QString guid = Text(request.get_param_value("GUID"));
     SignIn signIn;
-    {
-        std::lock_guard<std::mutex> lock(m_signInMutex);
-        auto found = m_signIns.find(guid);
-        if (guid.isEmpty() || found == m_signIns.end())
-            return SendEnvelope(request, response, kApiUnknownGuid, kApiUnknownGuid, QJsonValue());
-        signIn = found->second;
-    }
+    bool expired = false;
+    if (!PendingSignIn(guid, signIn, expired) || expired)
+        return SendEnvelope(request, response, kApiUnknownGuid, kApiUnknownGuid, QJsonValue());
     if (signIn.status == 1)
         return SendEnvelope(request, response, kApiPending, kApiPending, QJsonValue());
     SendEnvelope(request, response, 2, 2,
@@ -490,7 +614,7 @@ void MemberServer::AddAdminRoutes()
         } else {
             std::lock_guard<std::mutex> lock(m_signInMutex);
             status = body.value(QStringLiteral("status")).toInt(1);
-            m_signIns[guid] = SignIn{status, QString()};
+            m_signIns[guid] = SignIn{status, QString(), QDateTime::currentMSecsSinceEpoch()};
         }
         SendJson(response, QJsonObject{{QStringLiteral("status"), status}});
     });

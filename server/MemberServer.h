@@ -70,15 +70,20 @@ private:
     void HandleToken(const httplib::Request& request, httplib::Response& response);
     void HandleAuthorizationCode(const httplib::Request& request, httplib::Response& response);
     void HandleLoginInfo(const httplib::Request& request, httplib::Response& response);
+    void ShowSignInPage(const httplib::Request& request, httplib::Response& response);
+    void SubmitSignInPage(const httplib::Request& request, httplib::Response& response);
 
     // A browser sign-in bound to a GUID: pending until the page binds it.
     struct SignIn {
         int status = 1; // 1 pending, 0 signed in, 3 refused
         QString code;
+        qint64 created = 0; // ms since the epoch: links expire
     };
     std::mutex m_signInMutex;
     std::map<QString, SignIn> m_signIns;      // by GUID
     std::map<QString, QString> m_codes;       // one-time code -> member id
+    // Looks a GUID up, registering a well-formed new one as pending; false when malformed.
+    bool PendingSignIn(const QString& guid, SignIn& signIn, bool& expired);
     bool BindSignIn(const QString& guid, const QString& email, const QString& password, bool checkPassword,
                     int& status);
 

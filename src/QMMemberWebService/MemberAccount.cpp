@@ -17,6 +17,10 @@
 #include <QStringList>
 #include <QTextStream>
 #include <QThread>
+#include <QTimer>
+
+#include <cstring>
+#include <memory>
 
 using namespace QMService;
 
@@ -27,6 +31,8 @@ constexpr int kMaxRefreshDepth = 3;
 thread_local int t_refreshDepth = 0;
 
 const char* const kTimeFormat = "yyyy-MM-dd hh:mm:ss";
+const char* const kPasswordBody = "{\"grant_type\":\"password\",\"state\":\"\",\"scope\":\"\"}";
+const char* const kCodeBody = "{\"grant_type\":\"authorization_code\",\"state\":\"\",\"scope\":\"\"}";
 
 QString ReadNativeCompanyValue(const char* name)
 {
@@ -244,23 +250,156 @@ CQMMemberWebService::EWSResult CQMMemberWebService::RefreshMemberAPIToken(bool f
     return SaveMemberToken(access.toString().toStdWString(), refreshToken) ? WS_OK : WS_UNEXPECT_FAIL;
 }
 
-// --- browser sign-in control ----------------------------------------------------------------
+// --- browser sign-in polling -----------------------------------------------------------------
 
-void CQMMemberWebService::OnMemberLogInStop()
+void CQMMemberWebService::MemberLogInPollingAsync(const std::wstring& guid, int timeLimitMs, int pollIntervalMs,
+                                                  bool flag)
 {
-    qCDebug(lcService) << "CQMMemberWebService::OnMemberLogInStop()";
-    if (m_pInnerService) {
-        m_pInnerService->StopInnerLoginPolling();
-        m_pInnerService->moveToThread(QCoreApplication::instance() ? QCoreApplication::instance()->thread()
-                                                                   : thread());
-        m_pInnerService->deleteLater();
+    qCDebug(lcService) << "CQMMemberWebService::MemberLogInPollingAsync()";
+    if (m_pInnerService && m_pInnerService->thread() != QThread::currentThread()) {
+        qCWarning(lcService) << "CQMMemberWebService::MemberLogInPollingAsync a browser sign-in is under way already";
+        return;
     }
-    m_bAsyncLogin = false;
+    m_bAsyncLogin = true;
+    CQMMemberWebService* inner = InnerMemberService();
+    if (!inner) {
+        m_bAsyncLogin = false;
+        return;
+    }
+    inner->m_strPollingGuid = guid;
+    inner->m_nLoginTimeLimitMs = timeLimitMs;
+    inner->m_nLoginPollIntervalMs = pollIntervalMs;
+    inner->m_bLoginRequestFlag = flag;
+
+    auto* thread = new QThread;
+    inner->moveToThread(thread);
+    connect(thread, SIGNAL(started()), inner, SLOT(OnMemberLogInPolling()));
+    // Results come from the polling or the timer thread; they are posted to this
+    // object's thread as functors, which needs no registered argument types.
+    connect(
+        inner, &CQMMemberWebService::LoginResult, this,
+        [this, thread](EWSResult result, const std::wstring& text) {
+            QMetaObject::invokeMethod(
+                this, [this, thread, result, text] { RelayLoginResult(result, text, thread); }, Qt::QueuedConnection);
+        },
+        Qt::DirectConnection);
+    connect(inner, &CQMMemberWebService::LoginStatus, this, [this](int status) {
+        qCDebug(lcService).nospace() << "CQMMemberWebService::LoginStatus = " << status;
+        emit LoginStatus(status);
+    });
+    connect(thread, &QThread::finished, this, [this] {
+        qCDebug(lcService) << "OnMemberLogInPolling thread finished";
+        m_bAsyncLogin = false;
+    });
+    // The inner service is deleted in its own thread as that thread ends.
+    connect(thread, &QThread::finished, inner, &QObject::deleteLater);
+    connect(thread, SIGNAL(finished()), thread, SLOT(deleteLater()));
+    thread->start(QThread::InheritPriority);
 }
 
 void CQMMemberWebService::OnMemberLogInPolling()
 {
     qCDebug(lcService) << "CQMMemberWebService::OnMemberLogInPolling()";
+    // Whatever the outcome, this thread's work ends here.
+    struct QuitThread {
+        ~QuitThread() { QThread::currentThread()->quit(); }
+    } quit;
+    if (m_bLoginPolling)
+        return;
+    StartLoginTimer(m_nLoginTimeLimitMs);
+    m_bLoginPolling = true;
+    std::wstring code;
+    do {
+        const EWSResult result = GetAuthorizationCode(m_strPollingGuid, code, 30000);
+        if (result == WS_LOGIN_STATUS_FAIL) {
+            m_bLoginPolling = false; // LoginStatus has told the host
+            break;
+        }
+        if (m_bLoginPolling && result != WS_OK && result != 0) {
+            // Sleeps in slices so that a stop or a time-out takes effect at once.
+            for (int slept = 0; slept < m_nLoginPollIntervalMs && m_bLoginPolling; slept += 10)
+                QThread::msleep(static_cast<unsigned long>(qMin(10, m_nLoginPollIntervalMs - slept)));
+        }
+    } while (code.empty() && m_bLoginPolling);
+    if (!m_bLoginPolling) {
+        StopLoginTimer();
+        return;
+    }
+
+    std::wstring credential;
+    std::wstring out;
+    const CQMMemberWebServiceParameterCook cook(ms_bInHouseTest);
+    cook.CookAuthorizationCodeCredential(code, m_strMachineID, m_strPrimaryMachineKey, m_strSecondaryMachineKey,
+                                         credential);
+    const EWSResult result = MemberLogInBase(credential, kCodeBody, out, 30000, m_bLoginRequestFlag, false);
+    StopLoginTimer();
+    // Claimed once: a time-out that fired meanwhile has reported already.
+    if (m_bLoginPolling.exchange(false))
+        emit LoginResult(result, out);
+}
+
+void CQMMemberWebService::StartLoginTimer(int ms)
+{
+    auto* timerThread = new QThread;
+    auto* timer = new QTimer;
+    m_pLoginTimer = timer;
+    m_pLoginTimerThread = timerThread;
+    timer->moveToThread(timerThread);
+    timer->setInterval(ms);
+    timer->setSingleShot(false);
+    connect(
+        timer, &QTimer::timeout, timer,
+        [this] {
+            if (m_bLoginPolling.exchange(false))
+                emit LoginResult(WS_CONNECTION_TIMEOUT, L"time out");
+        },
+        Qt::DirectConnection);
+    connect(timerThread, SIGNAL(started()), timer, SLOT(start()));
+    timerThread->start(QThread::InheritPriority);
+}
+
+void CQMMemberWebService::StopLoginTimer()
+{
+    if (!m_pLoginTimer)
+        return;
+    qCDebug(lcService) << " StopLoginTimer() ";
+    // The timer lives in its own thread: it is stopped and deleted there, and that thread is joined.
+    QTimer* timer = m_pLoginTimer;
+    QMetaObject::invokeMethod(timer, [timer] {
+        timer->stop();
+        timer->deleteLater();
+    });
+    m_pLoginTimerThread->quit();
+    m_pLoginTimerThread->wait();
+    delete m_pLoginTimerThread;
+    m_pLoginTimer = nullptr;
+    m_pLoginTimerThread = nullptr;
+}
+
+void CQMMemberWebService::RelayLoginResult(EWSResult result, const std::wstring& text, QThread* pollingThread)
+{
+    pollingThread->quit();
+    // The text of a success is the credential that was sent: it is not logged.
+    qCDebug(lcService).nospace().noquote() << "CQMMemberWebService::LoginResult Result = " << int(result)
+                                           << " , Error = " << (result == WS_OK ? QStringLiteral("<credential>") : Q(text));
+    if (m_pfnLoginResult) {
+        // The callback gets a NUL-terminated copy that is freed when it returns.
+        const QByteArray utf8 = Q(text).toUtf8();
+        std::unique_ptr<char[]> copy(new char[static_cast<size_t>(utf8.size()) + 1]);
+        std::memcpy(copy.get(), utf8.constData(), static_cast<size_t>(utf8.size()) + 1);
+        m_pfnLoginResult(int(result), copy.get());
+    }
+    emit LoginResult(result, text);
+}
+
+void CQMMemberWebService::OnMemberLogInStop()
+{
+    qCDebug(lcService) << "CQMMemberWebService::OnMemberLogInStop()";
+    // The polling loop sees the flag after the request in flight and ends its thread,
+    // which deletes the inner service; nothing is reported for a stop.
+    if (m_pInnerService)
+        m_pInnerService->m_bLoginPolling = false;
+    m_bAsyncLogin = false;
 }
 
 void CQMMemberWebService::OnMemberUploadPolling()
@@ -271,9 +410,6 @@ void CQMMemberWebService::OnMemberUploadPolling()
 // --- sign-in ---------------------------------------------------------------------------------
 
 namespace {
-
-const char* const kPasswordBody = "{\"grant_type\":\"password\",\"state\":\"\",\"scope\":\"\"}";
-const char* const kCodeBody = "{\"grant_type\":\"authorization_code\",\"state\":\"\",\"scope\":\"\"}";
 
 // A reply whose "result" may be LZString text is normalised to an object.
 QJsonObject ResultObject(const QJsonObject& top)

@@ -13,10 +13,16 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QElapsedTimer>
 #include <QLoggingCategory>
+#include <QProcess>
+#include <QSocketNotifier>
+#include <QStandardPaths>
+#include <QTimer>
 #include <QStringList>
 #include <QTextStream>
 
+#include <csignal>
 #include <cstdio>
 #include <termios.h>
 #include <unistd.h>
@@ -40,6 +46,9 @@ const char* const kUsage = R"(usage: qmmember [--json] [--verbose] COMMAND ...
   login --email E [--password-stdin] [--timeout MS]
                                sign in with e-mail and password (read without echo, never from the
                                command line)
+  login --browser [--timeout SECONDS]
+                               sign in in a web browser: prints the page's address, opens it where
+                               a desktop exists, and waits; Ctrl-C stops
   profile [--force]            the member's profile, and whether it came from the cache
   whoami                       the member id in the stored token
   logout                       sign out (the backup token stays)
@@ -352,8 +361,111 @@ bool ReadPassword(bool fromStdin, QString& password)
     return true;
 }
 
+int g_signalPipe[2] = {-1, -1};
+
+void OnInterrupt(int)
+{
+    const char byte = 1;
+    [[maybe_unused]] const ssize_t written = ::write(g_signalPipe[1], &byte, 1);
+}
+
+// Browser sign-in: the library polls for the code bound to a fresh GUID while
+// the member signs in on the page; a spinner shows the time waited.
+int LoginInBrowser(const Arguments& args, bool json)
+{
+    int seconds = 300;
+    if (args.Flag(QStringLiteral("--timeout"))
+        && (!ParseInt(args.Value(QStringLiteral("--timeout")), QStringLiteral("--timeout"), seconds) || seconds <= 0))
+        return 2;
+    CQMMemberWebService service(args.Value(QStringLiteral("--product-key")).toStdWString(), false, 10000, 0);
+    const QString guid = CQMMemberWebService::GenerateApiRequestID();
+    const QString url =
+        QStringLiteral("https://%1/signin?GUID=%2").arg(QString::fromStdWString(service.GetWebHost()), guid);
+    {
+        QTextStream out(stdout);
+        out << (json ? QString::fromUtf8(QJsonDocument(QJsonObject{{"url", url}}).toJson(QJsonDocument::Compact))
+                     : QStringLiteral("Sign in at: ") + url)
+            << '\n';
+    }
+    if ((qEnvironmentVariableIsSet("DISPLAY") || qEnvironmentVariableIsSet("WAYLAND_DISPLAY"))
+        && !QStandardPaths::findExecutable(QStringLiteral("xdg-open")).isEmpty())
+        QProcess::startDetached(QStringLiteral("xdg-open"), {url});
+
+    int exitCode = 1;
+    const bool spinner = ::isatty(STDERR_FILENO);
+    auto clearSpinner = [spinner] {
+        if (spinner)
+            std::fputs("\r\033[K", stderr);
+    };
+    QElapsedTimer waited;
+    waited.start();
+    QTimer tick;
+    QObject::connect(&tick, &QTimer::timeout, &tick, [&waited] {
+        static const char* const frames[] = {"|", "/", "-", "\\"};
+        static int frame = 0;
+        std::fprintf(stderr, "\r%s waiting for the sign-in in the browser... %llds (Ctrl-C stops)",
+                     frames[frame++ % 4], static_cast<long long>(waited.elapsed() / 1000));
+        std::fflush(stderr);
+    });
+    if (spinner)
+        tick.start(100);
+
+    QObject::connect(&service, &CQMMemberWebService::LoginResult, &service,
+                     [&](CQMMemberWebService::EWSResult result, const std::wstring& text) {
+                         tick.stop();
+                         clearSpinner();
+                         Output out(json);
+                         if (result == CQMMemberWebService::WS_OK)
+                             out.Field(QStringLiteral("member_id"),
+                                       QString::fromStdWString(service.GetMemberIDByToken()));
+                         else if (result == CQMMemberWebService::WS_CONNECTION_TIMEOUT)
+                             out.Field(QStringLiteral("hint"), QString::fromStdWString(text) + QStringLiteral(
+                                                                   ": nobody signed in before --timeout ran out"));
+                         exitCode = Report(out, service, result);
+                         QCoreApplication::exit(exitCode);
+                     });
+    QObject::connect(&service, &CQMMemberWebService::LoginStatus, &service, [&](int status) {
+        tick.stop();
+        clearSpinner();
+        Error(QStringLiteral("the browser sign-in was refused (status %1)").arg(status));
+        exitCode = 1;
+        QCoreApplication::exit(exitCode);
+    });
+
+    // Ctrl-C stops the polling through the library and ends with a short message.
+    if (::pipe(g_signalPipe) == 0) {
+        std::signal(SIGINT, OnInterrupt);
+        std::signal(SIGTERM, OnInterrupt);
+    }
+    QSocketNotifier interrupted(g_signalPipe[0], QSocketNotifier::Read);
+    QObject::connect(&interrupted, &QSocketNotifier::activated, &service, [&] {
+        tick.stop();
+        clearSpinner();
+        service.OnMemberLogInStop();
+        Error(QStringLiteral("stopped: no sign-in"));
+        exitCode = 130;
+        QCoreApplication::exit(exitCode);
+    });
+
+    service.MemberLogInPollingAsync(guid.toStdWString(), seconds * 1000, 1000, true);
+    QCoreApplication::exec();
+    // Give the polling thread a moment to end after a stop; a request in flight is not waited for.
+    QElapsedTimer ending;
+    ending.start();
+    while (service.IsAsyncLoginRunning() && ending.elapsed() < 1000)
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 50);
+    return exitCode;
+}
+
 int Login(const Arguments& args, bool json)
 {
+    if (args.Flag(QStringLiteral("--browser"))) {
+        if (args.Flag(QStringLiteral("--email")) || args.Flag(QStringLiteral("--password-stdin"))) {
+            Error(QStringLiteral("--browser signs in on the web page: it takes no e-mail or password"));
+            return 2;
+        }
+        return LoginInBrowser(args, json);
+    }
     if (args.Flag(QStringLiteral("--password"))) {
         Error(QStringLiteral("a password on the command line is visible to other users: use the prompt or --password-stdin"));
         return 2;
