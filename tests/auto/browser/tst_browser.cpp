@@ -7,6 +7,7 @@
 #include <QtTest>
 
 Q_DECLARE_METATYPE(CQMMemberWebService::EWSResult)
+Q_DECLARE_METATYPE(std::wstring)
 
 // A real browser signs in on qmmember-server's page while the library polls.
 class TestBrowser : public QObject
