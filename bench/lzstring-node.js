@@ -3,45 +3,10 @@
 const fs = require("fs");
 const path = require("path");
 const LZString = require("lz-string");
+const { jsonRecords, nearRandom } = require(path.join(__dirname, "../tools/vectors/lzdata.js"));
 
 const out = process.argv[2];
 fs.mkdirSync(out, { recursive: true });
-
-function prng(seed) {
-  return () => {
-    seed |= 0; seed = (seed + 0x6d2b79f5) | 0;
-    let t = Math.imul(seed ^ (seed >>> 15), 1 | seed);
-    t = (t + Math.imul(t ^ (t >>> 7), 61 | t)) ^ t;
-    return ((t ^ (t >>> 14)) >>> 0) / 4294967296;
-  };
-}
-
-function jsonRecords(bytes, seed) {
-  const r = prng(seed);
-  const words = ["Studio", "Director", "Photo", "Audio", "Power", "Color", "Media", "Suite", "Cloud", "Pack"];
-  const parts = [];
-  let size = 2;
-  for (let id = 1; size < bytes; ++id) {
-    const text = JSON.stringify({
-      ProductID: "P" + (100000 + id),
-      Name: words[Math.floor(r() * 10)] + " " + words[Math.floor(r() * 10)],
-      Version: `${Math.floor(r() * 20)}.${Math.floor(r() * 10)}.${Math.floor(r() * 9000) + 1000}`,
-      Lang: Math.floor(r() * 16), Price: Math.round(r() * 20000) / 100, Owned: r() < 0.5,
-    });
-    parts.push(text);
-    size += text.length + 1;
-  }
-  return "[" + parts.join(",") + "]";
-}
-
-function nearRandom(length, seed) {
-  const r = prng(seed);
-  const codes = new Array(length);
-  for (let i = 0; i < length; ++i) codes[i] = Math.floor(r() * 0xd7ff) + 1;
-  let s = "";
-  for (let i = 0; i < length; i += 8192) s += String.fromCharCode(...codes.slice(i, i + 8192));
-  return s;
-}
 
 const inputs = [
   ["json-10KB", jsonRecords(10e3, 1)],

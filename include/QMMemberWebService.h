@@ -222,6 +222,8 @@ protected:
     bool SaveMemberToken(const std::wstring& accessToken, const std::wstring& refreshToken);
 
 private:
+    friend class CQMRequestGuard;
+
     EWSResult MemberLogInBase(const std::wstring& credential, const std::string& body, std::wstring& credentialOut,
                               int timeoutMs, bool flag, bool parameterCheck);
     EWSResult GetAuthorizationCode(std::wstring guid, std::wstring& code, int timeoutMs);

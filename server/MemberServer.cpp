@@ -325,11 +325,8 @@ void MemberServer::AddRoutes()
     m_server->Post("/qmtest/ping", ping);
 
     m_server->Get("/qmtest/member", [this](const Request& request, Response& response) {
-        const std::string authorization = request.get_header_value("Authorization");
         QString memberId;
-        const auto state = authorization.rfind("Token ", 0) == 0
-                               ? m_state.CheckAccess(Text(authorization.substr(6)), memberId)
-                               : ServerState::TokenState::Unknown;
+        const auto state = CheckToken(request, memberId);
         if (state == ServerState::TokenState::Expired)
             return SendEnvelope(request, response, 2, 6, QJsonValue());
         if (state == ServerState::TokenState::Unknown)
@@ -462,11 +459,8 @@ void MemberServer::HandleAuthorizationCode(const Request& request, Response& res
 
 void MemberServer::HandleLoginInfo(const Request& request, Response& response)
 {
-    const std::string authorization = request.get_header_value("Authorization");
     QString memberId;
-    const auto state = authorization.rfind("Token ", 0) == 0
-                           ? m_state.CheckAccess(Text(authorization.substr(6)), memberId)
-                           : ServerState::TokenState::Unknown;
+    const auto state = CheckToken(request, memberId);
     if (state == ServerState::TokenState::Expired)
         return SendEnvelope(request, response, 2, 6, QJsonValue());
     ServerState::Member member;
@@ -484,6 +478,14 @@ void MemberServer::HandleLoginInfo(const Request& request, Response& response)
                              {QStringLiteral("CartQty"), 1},
                              {QStringLiteral("WLQty"), 3},
                              {QStringLiteral("userinfo"), user}});
+}
+
+ServerState::TokenState MemberServer::CheckToken(const Request& request, QString& memberId)
+{
+    const std::string authorization = request.get_header_value("Authorization");
+    if (authorization.rfind("Token ", 0) != 0)
+        return ServerState::TokenState::Unknown;
+    return m_state.CheckAccess(Text(authorization.substr(6)), memberId);
 }
 
 void MemberServer::HandleToken(const Request& request, Response& response)

@@ -68,6 +68,8 @@ private:
     void LogRequest(const httplib::Request& request);
 
     void HandleToken(const httplib::Request& request, httplib::Response& response);
+    /// The state of the request's "Authorization: Token ..." header, and its member.
+    ServerState::TokenState CheckToken(const httplib::Request& request, QString& memberId);
     void HandleAuthorizationCode(const httplib::Request& request, httplib::Response& response);
     void HandleLoginInfo(const httplib::Request& request, httplib::Response& response);
     void ShowSignInPage(const httplib::Request& request, httplib::Response& response);

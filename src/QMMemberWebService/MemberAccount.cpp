@@ -207,14 +207,9 @@ CQMMemberWebService::EWSResult CQMMemberWebService::RefreshMemberAPIToken(bool f
     std::wstring refreshToken;
     if (!GetRefreshToken(refreshToken))
         return WS_UNEXPECT_FAIL;
-    CHttpRequest* request = ServiceHttpRequest(QStringLiteral("CQMMemberWebService::RefreshMemberAPIToken"), true);
+    CQMRequestGuard request(this, QStringLiteral("CQMMemberWebService::RefreshMemberAPIToken"), true);
     if (!request)
         return WS_MEMORY_ALLOCATE_FAIL;
-    struct Release {
-        CQMMemberWebService* service;
-        CHttpRequest* request;
-        ~Release() { service->ReleaseServiceHttpRequest(request); }
-    } release{this, request};
 
     request->AddRawHeader(L"User-Agent", m_strUserAgent);
     request->AddRawHeader(L"refresh_token", refreshToken);
@@ -453,14 +448,9 @@ CQMMemberWebService::EWSResult CQMMemberWebService::MemberLogIn(const std::wstri
 CQMMemberWebService::EWSResult CQMMemberWebService::GetAuthorizationCode(std::wstring guid, std::wstring& code,
                                                                          int timeoutMs)
 {
-    CHttpRequest* request = ServiceHttpRequest(QStringLiteral("CQMMemberWebService::GetAuthorizationCode"), true);
+    CQMRequestGuard request(this, QStringLiteral("CQMMemberWebService::GetAuthorizationCode"), true);
     if (!request)
         return WS_MEMORY_ALLOCATE_FAIL;
-    struct Release {
-        CQMMemberWebService* service;
-        CHttpRequest* request;
-        ~Release() { service->ReleaseServiceHttpRequest(request); }
-    } release{this, request};
 
     std::wstring proxyAccount;
     std::wstring proxyPassword;
@@ -511,14 +501,9 @@ CQMMemberWebService::EWSResult CQMMemberWebService::MemberLogInBase(const std::w
     std::wstring proxyPassword;
     CQMNetworkCenter::GetProxyData(proxyAccount, proxyPassword, true);
     CQMWaitCursor cursor(m_bWaitCursor);
-    CHttpRequest* request = ServiceHttpRequest(QStringLiteral("CQMMemberWebService::MemberLogInBase"), true);
+    CQMRequestGuard request(this, QStringLiteral("CQMMemberWebService::MemberLogInBase"), true);
     if (!request)
         return WS_MEMORY_ALLOCATE_FAIL;
-    struct Release {
-        CQMMemberWebService* service;
-        CHttpRequest* request;
-        ~Release() { service->ReleaseServiceHttpRequest(request); }
-    } release{this, request};
 
     request->AddRawHeader(L"User-Agent", m_strUserAgent);
     request->AddRawHeader(L"Authorization", L"Basic " + credential);
@@ -646,14 +631,9 @@ CQMMemberWebService::EWSResult CQMMemberWebService::GetMemberLoginInfo(_CMemberL
         serverFirst = true;
     }
 
-    CHttpRequest* request = ServiceHttpRequest(QStringLiteral("CQMMemberWebService::GetMemberLoginInfo"), true);
+    CQMRequestGuard request(this, QStringLiteral("CQMMemberWebService::GetMemberLoginInfo"), true);
     if (!request)
         return WS_MEMORY_ALLOCATE_FAIL;
-    struct Release {
-        CQMMemberWebService* service;
-        CHttpRequest* request;
-        ~Release() { service->ReleaseServiceHttpRequest(request); }
-    } release{this, request};
     std::wstring proxyAccount;
     std::wstring proxyPassword;
     CQMNetworkCenter::GetProxyData(proxyAccount, proxyPassword, true);

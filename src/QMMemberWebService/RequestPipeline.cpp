@@ -70,33 +70,21 @@ QString LocalTimeLabel()
     return text;
 }
 
-// Releases a request on every way out of a call.
-class ReleaseGuard
-{
-public:
-    ReleaseGuard(CQMMemberWebService* service, CHttpRequest* request, void (CQMMemberWebService::*release)(CHttpRequest*))
-        : m_service(service)
-        , m_request(request)
-        , m_release(release)
-    {
-    }
-    ~ReleaseGuard()
-    {
-        if (m_request)
-            (m_service->*m_release)(m_request);
-    }
-    ReleaseGuard(const ReleaseGuard&) = delete;
-    ReleaseGuard& operator=(const ReleaseGuard&) = delete;
-
-private:
-    CQMMemberWebService* m_service;
-    CHttpRequest* m_request;
-    void (CQMMemberWebService::*m_release)(CHttpRequest*);
-};
-
 } // namespace
 
 // --- request handles -------------------------------------------------------------
+
+CQMRequestGuard::CQMRequestGuard(CQMMemberWebService* service, const QString& caller, bool sync)
+    : m_service(service)
+    , m_request(service->ServiceHttpRequest(caller, sync))
+{
+}
+
+CQMRequestGuard::~CQMRequestGuard()
+{
+    if (m_request)
+        m_service->ReleaseServiceHttpRequest(m_request);
+}
 
 CHttpRequest* CQMMemberWebService::ServiceHttpRequest(QString caller, bool sync)
 {
@@ -139,10 +127,11 @@ CQMMemberWebService::EWSResult CQMMemberWebService::DoApiRequest(std::wstring pa
         return WS_UNEXPECT_FAIL;
     }
 
-    CHttpRequest* request = ServiceHttpRequest(QStringLiteral("CQMMemberWebService::DoApiRequest"), sync);
-    if (!request)
+    // Shared by the asynchronous handlers, which release the request when they are done.
+    auto guard = std::make_shared<CQMRequestGuard>(this, QStringLiteral("CQMMemberWebService::DoApiRequest"), sync);
+    if (!*guard)
         return WS_MEMORY_ALLOCATE_FAIL;
-    auto guard = std::make_shared<ReleaseGuard>(this, request, &CQMMemberWebService::ReleaseServiceHttpRequest);
+    CHttpRequest* request = guard->Get();
 
     request->AddRawHeader(L"Compress-Output", L"false");
     request->AddRawHeader(L"User-Agent", m_strUserAgent);

@@ -7,6 +7,28 @@
 
 Q_DECLARE_LOGGING_CATEGORY(lcService)
 
+class CHttpRequest;
+class CQMMemberWebService;
+
+// A request made through ServiceHttpRequest and released, in its own thread,
+// on every way out of the call that made it.
+class CQMRequestGuard
+{
+public:
+    CQMRequestGuard(CQMMemberWebService* service, const QString& caller, bool sync);
+    ~CQMRequestGuard();
+    CQMRequestGuard(const CQMRequestGuard&) = delete;
+    CQMRequestGuard& operator=(const CQMRequestGuard&) = delete;
+
+    CHttpRequest* Get() const { return m_request; }
+    CHttpRequest* operator->() const { return m_request; }
+    explicit operator bool() const { return m_request != nullptr; }
+
+private:
+    CQMMemberWebService* m_service;
+    CHttpRequest* m_request;
+};
+
 namespace QMService {
 
 // The company key of the current user: tokens, machine key, "UsingLocalTime".

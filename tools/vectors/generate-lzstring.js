@@ -5,20 +5,11 @@ const fs = require("fs");
 const path = require("path");
 const crypto = require("crypto");
 const LZString = require("lz-string");
+const { prng, jsonRecords, nearRandom } = require(path.join(__dirname, "./lzdata.js"));
 
 const out = process.argv[2];
 fs.mkdirSync(out, { recursive: true });
 for (const f of fs.readdirSync(out)) if (f.endsWith(".bin") || f === "manifest.tsv") fs.unlinkSync(path.join(out, f));
-
-// A small deterministic generator, so that the vectors are the same on every run.
-function prng(seed) {
-  return () => {
-    seed |= 0; seed = (seed + 0x6d2b79f5) | 0;
-    let t = Math.imul(seed ^ (seed >>> 15), 1 | seed);
-    t = (t + Math.imul(t ^ (t >>> 7), 61 | t)) ^ t;
-    return ((t ^ (t >>> 14)) >>> 0) / 4294967296;
-  };
-}
 
 // The reference decoder over the stream, reading past the end as the
 // terminating zero (code 0 minus 32), as the library does.
@@ -42,39 +33,6 @@ function add(name, compressed) {
     rows.push([name, "text", expected.length, crypto.createHash("sha256").update(bytes).digest("hex")]);
   }
   return expected;
-}
-
-function jsonRecords(bytes, seed) {
-  const r = prng(seed);
-  const words = ["Studio", "Director", "Photo", "Audio", "Power", "Color", "Media", "Suite", "Cloud", "Pack"];
-  const records = [];
-  let size = 2;
-  for (let id = 1; size < bytes; ++id) {
-    const record = {
-      ProductID: "P" + (100000 + id),
-      Name: words[Math.floor(r() * 10)] + " " + words[Math.floor(r() * 10)] + " " + Math.floor(r() * 30),
-      Version: `${Math.floor(r() * 20)}.${Math.floor(r() * 10)}.${Math.floor(r() * 9000) + 1000}`,
-      Lang: Math.floor(r() * 16),
-      Price: Math.round(r() * 20000) / 100,
-      Owned: r() < 0.5,
-      Tags: [words[Math.floor(r() * 10)], words[Math.floor(r() * 10)]],
-    };
-    const text = JSON.stringify(record);
-    records.push(text);
-    size += text.length + 1;
-  }
-  return "[" + records.join(",") + "]";
-}
-
-function nearRandom(length, seed) {
-  const r = prng(seed);
-  let s = "";
-  for (let i = 0; i < length; ++i) {
-    // Anywhere in the BMP outside the surrogate range.
-    let c = Math.floor(r() * 0xd7ff) + 1;
-    s += String.fromCharCode(c);
-  }
-  return s;
 }
 
 const texts = {

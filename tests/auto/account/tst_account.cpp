@@ -3,6 +3,7 @@
 #include "QMMemberWebService/Cache.h"
 #include "QMMemberWebService/Cipher.h"
 #include "ServerFixture.h"
+#include "TestService.h"
 #include "parameters/QMMemberWebServiceParameterCook.h"
 #include "registry/QMRegistryAgent.h"
 
@@ -20,12 +21,7 @@ const std::wstring kProduct = L"SOFTWARE\\Quillmarsh\\Account Test";
 const QString kEmail = QStringLiteral("grüße@quillmarsh.test");
 const QString kPassword = QStringLiteral("p4ss:wörd");
 
-class Service : public CQMMemberWebService
-{
-public:
-    using CQMMemberWebService::CQMMemberWebService;
-    using CQMMemberWebService::SaveMemberToken;
-};
+using Service = TestService;
 
 std::wstring W(const QString& text)
 {

@@ -3,6 +3,7 @@
 #include "QMMemberWebService/Cache.h"
 #include "QMMemberWebService/Cipher.h"
 #include "ServerFixture.h"
+#include "TestService.h"
 #include "qmnetwork/HttpRequest.h"
 #include "qmnetwork/QMNetworkCenter.h"
 #include "registry/QMRegistryAgent.h"
@@ -20,14 +21,7 @@ namespace {
 const std::wstring kCompany = L"SOFTWARE\\Quillmarsh";
 const std::wstring kProduct = L"SOFTWARE\\Quillmarsh\\Pipeline Test";
 
-// Reaches the protected members that the tests drive directly.
-class Service : public CQMMemberWebService
-{
-public:
-    using CQMMemberWebService::CQMMemberWebService;
-    using CQMMemberWebService::RefreshMemberAPIToken;
-    using CQMMemberWebService::SaveMemberToken;
-};
+using Service = TestService;
 
 // Every message of the Qt log, to check that no secret reaches it.
 QStringList g_log;
