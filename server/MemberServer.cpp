@@ -510,13 +510,13 @@ void MemberServer::HandleToken(const Request& request, Response& response)
                                               {QStringLiteral("refresh_token"), QStringLiteral("unused-new-refresh")},
                                               {QStringLiteral("token_type"), QStringLiteral("Token")}});
     }
+    // The fields of "Basic " + base64("launcher:" ...), empty without such a header.
+    QList<QByteArray> parts;
+    const std::string authorization = request.get_header_value("Authorization");
+    if (authorization.rfind("Basic ", 0) == 0)
+        parts = QByteArray::fromBase64(QByteArray::fromStdString(authorization.substr(6))).split(':');
     if (grant == QLatin1String("password")) {
-        // "Basic " + base64("launcher:" b64(email) ":" b64(password) ":" machine id ":" key ":" key)
-        const std::string authorization = request.get_header_value("Authorization");
-        if (authorization.rfind("Basic ", 0) != 0)
-            return fail(kErrorBadParameters);
-        const QList<QByteArray> parts =
-            QByteArray::fromBase64(QByteArray::fromStdString(authorization.substr(6))).split(':');
+        // launcher : b64(e-mail) : b64(password) : machine id : key : key
         if (parts.size() != 6 || parts.at(0) != "launcher" || parts.at(3).isEmpty())
             return fail(kErrorBadParameters);
         const QString email = QString::fromUtf8(QByteArray::fromBase64(parts.at(1)));
@@ -527,12 +527,7 @@ void MemberServer::HandleToken(const Request& request, Response& response)
         return grantTokens(m_state.IssueTokens(member.id));
     }
     if (grant == QLatin1String("authorization_code")) {
-        // "Basic " + base64("launcher:" code ":" machine id ":" key ":" key); a code serves once.
-        const std::string authorization = request.get_header_value("Authorization");
-        if (authorization.rfind("Basic ", 0) != 0)
-            return fail(kErrorBadParameters);
-        const QList<QByteArray> parts =
-            QByteArray::fromBase64(QByteArray::fromStdString(authorization.substr(6))).split(':');
+        // launcher : code : machine id : key : key; a code serves once
         if (parts.size() != 5 || parts.at(0) != "launcher" || parts.at(1).isEmpty() || parts.at(2).isEmpty())
             return fail(kErrorBadParameters);
         QString memberId;
