@@ -167,8 +167,8 @@ public:
     /// runs out, or OnMemberLogInStop() is called. The outcome comes once, by LoginResult (and the
     /// plain callback), or, for a sign-in the browser refused, by LoginStatus only.
     void MemberLogInPollingAsync(const std::wstring& guid, int timeLimitMs, int pollIntervalMs, bool flag);
-    /// True from MemberLogInPollingAsync until its thread has finished or it was stopped.
-    bool IsAsyncLoginRunning() const { return m_bAsyncLogin; }
+    /// True from MemberLogInPollingAsync until its polling thread has finished, a stop included.
+    bool IsLoginPollingThreadRunning() const { return m_bPollingThreadRunning; }
     /// The member's profile, from "MemberInfo.json" while it is fresh unless \a forceServer.
     EWSResult GetMemberLoginInfo(_CMemberLoginInfo& info, bool forceServer, bool flag, unsigned int timeoutMs);
     /// Fetches the profile only when the stored refresh token changed since the last fetch.
@@ -264,6 +264,7 @@ private:
     std::wstring m_strUserAgent;
     QPointer<CQMMemberWebService> m_pInnerService;
     std::atomic<bool> m_bAsyncLogin{false};
+    std::atomic<bool> m_bPollingThreadRunning{false};
     int m_nLoginTimeLimitMs = 0;
     int m_nLoginPollIntervalMs = 0;
     bool m_bLoginRequestFlag = true;

@@ -285,10 +285,12 @@ void CQMMemberWebService::MemberLogInPollingAsync(const std::wstring& guid, int 
     connect(thread, &QThread::finished, this, [this] {
         qCDebug(lcService) << "OnMemberLogInPolling thread finished";
         m_bAsyncLogin = false;
+        m_bPollingThreadRunning = false;
     });
     // The inner service is deleted in its own thread as that thread ends.
     connect(thread, &QThread::finished, inner, &QObject::deleteLater);
     connect(thread, SIGNAL(finished()), thread, SLOT(deleteLater()));
+    m_bPollingThreadRunning = true;
     thread->start(QThread::InheritPriority);
 }
 

@@ -94,8 +94,10 @@ struct Engine::Impl {
 
 Engine& Engine::Instance()
 {
-    static Engine engine;
-    return engine;
+    // Never destroyed: a host may exit while a request is in flight on another thread,
+    // and curl must not be torn down under it.
+    static Engine* engine = new Engine;
+    return *engine;
 }
 
 Engine::Engine()
@@ -119,26 +121,6 @@ Engine::Engine()
     curl_multi_setopt(d->multi, CURLMOPT_MAX_HOST_CONNECTIONS, 8L);
     curl_multi_setopt(d->multi, CURLMOPT_MAXCONNECTS, 16L);
     d->worker = std::thread([this] { RunAsyncLoop(); });
-}
-
-Engine::~Engine()
-{
-    d->stopping = true;
-    curl_multi_wakeup(d->multi);
-    if (d->worker.joinable())
-        d->worker.join();
-    for (auto& [easy, job] : d->running) {
-        curl_multi_remove_handle(d->multi, easy);
-        curl_easy_cleanup(easy);
-    }
-    for (CURL* easy : d->asyncPool)
-        curl_easy_cleanup(easy);
-    curl_multi_cleanup(d->multi);
-    for (CURL* easy : d->pool)
-        curl_easy_cleanup(easy);
-    curl_share_cleanup(d->share);
-    d->extraCA.Load(std::string());
-    curl_global_cleanup();
 }
 
 void Engine::SetExtraCAFile(const std::string& path)

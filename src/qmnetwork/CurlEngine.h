@@ -62,7 +62,8 @@ public:
     void SetExtraCAFile(const std::string& path);
     std::string ExtraCAFile();
 
-    ~Engine();
+    // Lives for the whole process (see Instance()).
+    ~Engine() = delete;
 
 private:
     Engine();

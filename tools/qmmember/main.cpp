@@ -23,6 +23,7 @@
 #include <QTextStream>
 
 #include <csignal>
+#include <cstdlib>
 #include <cstdio>
 #include <termios.h>
 #include <unistd.h>
@@ -449,11 +450,17 @@ int LoginInBrowser(const Arguments& args, bool json)
 
     service.MemberLogInPollingAsync(guid.toStdWString(), seconds * 1000, 1000, true);
     QCoreApplication::exec();
-    // Give the polling thread a moment to end after a stop; a request in flight is not waited for.
+    // The polling thread ends after the request in flight; a process that will not wait for
+    // a slow one leaves without running destructors under that thread's feet.
     QElapsedTimer ending;
     ending.start();
-    while (service.IsAsyncLoginRunning() && ending.elapsed() < 1000)
+    while (service.IsLoginPollingThreadRunning() && ending.elapsed() < 3000)
         QCoreApplication::processEvents(QEventLoop::AllEvents, 50);
+    if (service.IsLoginPollingThreadRunning()) {
+        std::fflush(stdout);
+        std::fflush(stderr);
+        std::_Exit(exitCode);
+    }
     return exitCode;
 }
 

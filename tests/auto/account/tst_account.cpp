@@ -382,6 +382,33 @@ private slots:
         m_server.Export();
     }
 
+    void browserLoginFromTheCommandLine_data()
+    {
+        QTest::addColumn<bool>("interrupt");
+        QTest::newRow("signed in on the page") << false;
+        QTest::newRow("Ctrl-C") << true;
+    }
+    void browserLoginFromTheCommandLine()
+    {
+        QFETCH(bool, interrupt);
+        QProcess cli;
+        cli.start(QStringLiteral(QM_CLI_BINARY), {"login", "--browser", "--timeout", "30"});
+        QByteArray printed;
+        QTRY_VERIFY_WITH_TIMEOUT((printed += cli.readAllStandardOutput()).contains('\n'), 10000);
+        const QString url = QString::fromUtf8(printed).section(QStringLiteral("Sign in at: "), 1).trimmed();
+        QVERIFY2(url.startsWith("https://" + m_server.Host() + "/signin?GUID="), qPrintable(url));
+        if (interrupt)
+            cli.terminate(); // SIGTERM: handled as Ctrl-C is
+        else
+            m_server.Admin("/admin/signin", {{"guid", url.section("GUID=", 1)}, {"email", kEmail}});
+        QVERIFY(cli.waitForFinished(20000));
+        QCOMPARE(cli.exitCode(), interrupt ? 130 : 0);
+        if (interrupt)
+            QVERIFY(cli.readAllStandardError().contains("stopped"));
+        else
+            QVERIFY(cli.readAllStandardOutput().contains("member_id"));
+    }
+
     void noPasswordEchoOnATerminal()
     {
         // `script` gives the command a terminal; what the terminal shows must not hold the password.

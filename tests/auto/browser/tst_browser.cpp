@@ -59,7 +59,7 @@ private slots:
         // The stored tokens are the demo member's.
         QCOMPARE(QString::fromStdWString(CQMMemberWebService::GetMemberIDByTokenStaicVersion()),
                  m_server.Admin("/admin/member", {{"email", "demo@quillmarsh.test"}}).value("memberid").toString());
-        QTRY_VERIFY_WITH_TIMEOUT(!service.IsAsyncLoginRunning(), 10000);
+        QTRY_VERIFY_WITH_TIMEOUT(!service.IsLoginPollingThreadRunning(), 10000);
     }
 
     void wrongPasswordIsReportedByStatusOnly()
@@ -73,7 +73,7 @@ private slots:
         QCOMPARE(SignInInBrowser(url, "not-the-password", QString()), QStringLiteral("Sign-in refused"));
         QVERIFY(statuses.wait(20000) || !statuses.isEmpty());
         QCOMPARE(statuses.first().first().toInt(), 3);
-        QTRY_VERIFY_WITH_TIMEOUT(!service.IsAsyncLoginRunning(), 10000);
+        QTRY_VERIFY_WITH_TIMEOUT(!service.IsLoginPollingThreadRunning(), 10000);
         QCOMPARE(results.size(), 0);
         QCOMPARE(statuses.size(), 1);
     }

@@ -69,12 +69,12 @@ private:
         else if (ending == Ending::Refused)
             m_server.Admin("/admin/signin", {{"guid", guid}, {"status", 3}});
         service.MemberLogInPollingAsync(guid.toStdWString(), ending == Ending::TimeOut ? 300 : 20000, 20, true);
-        QVERIFY(service.IsAsyncLoginRunning());
+        QVERIFY(service.IsLoginPollingThreadRunning());
         if (ending == Ending::Stop) {
             QTest::qWait(30);
             service.OnMemberLogInStop();
         }
-        QTRY_VERIFY_WITH_TIMEOUT(!service.IsAsyncLoginRunning(), 10000);
+        QTRY_VERIFY_WITH_TIMEOUT(!service.IsLoginPollingThreadRunning(), 10000);
         QTest::qWait(ending == Ending::Stop ? 100 : 20); // nothing may arrive late
         results = resultSpy.size();
         statuses = statusSpy.size();
