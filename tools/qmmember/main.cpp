@@ -378,6 +378,14 @@ int LoginInBrowser(const Arguments& args, bool json)
     if (args.Flag(QStringLiteral("--timeout"))
         && (!ParseInt(args.Value(QStringLiteral("--timeout")), QStringLiteral("--timeout"), seconds) || seconds <= 0))
         return 2;
+    // Ctrl-C stops the polling through the library and ends with a short message; the
+    // handler is in place before the address is shown.
+    if (::pipe(g_signalPipe) != 0) {
+        Error(QStringLiteral("cannot prepare for Ctrl-C"));
+        return 1;
+    }
+    std::signal(SIGINT, OnInterrupt);
+    std::signal(SIGTERM, OnInterrupt);
     CQMMemberWebService service(args.Value(QStringLiteral("--product-key")).toStdWString(), false, 10000, 0);
     const QString guid = CQMMemberWebService::GenerateApiRequestID();
     const QString url =
@@ -433,11 +441,6 @@ int LoginInBrowser(const Arguments& args, bool json)
         QCoreApplication::exit(exitCode);
     });
 
-    // Ctrl-C stops the polling through the library and ends with a short message.
-    if (::pipe(g_signalPipe) == 0) {
-        std::signal(SIGINT, OnInterrupt);
-        std::signal(SIGTERM, OnInterrupt);
-    }
     QSocketNotifier interrupted(g_signalPipe[0], QSocketNotifier::Read);
     QObject::connect(&interrupted, &QSocketNotifier::activated, &service, [&] {
         tick.stop();
