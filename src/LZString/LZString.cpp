@@ -4,12 +4,28 @@
 #include <cstring>
 #include <vector>
 
+#if defined(_MSC_VER) && (defined(_M_X64) || defined(_M_IX86))
+#include <xmmintrin.h>
+#endif
+
 namespace LZString {
 
 const QString keyStrBase64 = QStringLiteral("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/=");
 const QString keyStrUriSafe = QStringLiteral("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+-$");
 
 namespace {
+
+// Asks for memory that will be read soon; a hint only.
+inline void Prefetch(const void* address)
+{
+#if defined(__GNUC__) || defined(__clang__)
+    __builtin_prefetch(address);
+#elif defined(_M_X64) || defined(_M_IX86)
+    _mm_prefetch(static_cast<const char*>(address), _MM_HINT_T0);
+#else
+    (void)address;
+#endif
+}
 
 // A reply that would decode to more than this (512 MiB) is refused as corrupt.
 constexpr uint64_t kMaxOutput = uint64_t(1) << 28;
@@ -219,7 +235,7 @@ Outcome MeasureText(const Codes& codes, uint64_t& size)
     uint64_t total = w;
     for (size_t i = 0; i < list.size(); ++i) {
         if (i + kAhead < list.size() && !(list[i + kAhead] & kLiteral) && list[i + kAhead] < lengths.size())
-            __builtin_prefetch(&lengths[list[i + kAhead]]);
+            Prefetch(&lengths[list[i + kAhead]]);
         const uint32_t code = list[i];
         uint32_t entry;
         if (code & kLiteral) {
@@ -256,10 +272,10 @@ void WriteText(const Codes& codes, char16_t* out)
     for (size_t i = 0; i < list.size(); ++i) {
         // Two steps ahead: the entry, then the text it points to.
         if (i + kAhead < list.size() && !(list[i + kAhead] & kLiteral) && list[i + kAhead] < spans.size())
-            __builtin_prefetch(&spans[list[i + kAhead]]);
+            Prefetch(&spans[list[i + kAhead]]);
         if (i + kAhead / 2 < list.size() && !(list[i + kAhead / 2] & kLiteral)
             && list[i + kAhead / 2] < spans.size())
-            __builtin_prefetch(out + spans[list[i + kAhead / 2]].offset);
+            Prefetch(out + spans[list[i + kAhead / 2]].offset);
         const uint32_t code = list[i];
         Span entry{at, 0};
         if (code & kLiteral) {

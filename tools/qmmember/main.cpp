@@ -8,6 +8,8 @@
 #include "registry/QMRegistryAgent.h"
 #include "registry/RegistryStore.h"
 
+#include "Terminal.h"
+
 #include <QCoreApplication>
 #include <QFile>
 #include <QJsonArray>
@@ -16,7 +18,6 @@
 #include <QElapsedTimer>
 #include <QLoggingCategory>
 #include <QProcess>
-#include <QSocketNotifier>
 #include <QStandardPaths>
 #include <QTimer>
 #include <QStringList>
@@ -25,8 +26,6 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstdio>
-#include <termios.h>
-#include <unistd.h>
 #include <functional>
 #include <map>
 
@@ -344,30 +343,12 @@ bool ReadPassword(bool fromStdin, QString& password)
         password = in.readLine();
         return true;
     }
-    if (!::isatty(STDIN_FILENO)) {
+    if (!Terminal::InputIsTerminal()) {
         Error(QStringLiteral("no terminal to read the password from: pipe it in with --password-stdin"));
         return false;
     }
-    // Echo goes off before the prompt shows, so nothing typed after it is echoed or flushed.
-    termios saved {};
-    ::tcgetattr(STDIN_FILENO, &saved);
-    termios quiet = saved;
-    quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO);
-    ::tcsetattr(STDIN_FILENO, TCSAFLUSH, &quiet);
-    std::fputs("Password: ", stderr);
-    std::fflush(stderr);
-    password = in.readLine();
-    ::tcsetattr(STDIN_FILENO, TCSAFLUSH, &saved);
-    std::fputs("\n", stderr);
+    password = Terminal::ReadHiddenLine("Password: ");
     return true;
-}
-
-int g_signalPipe[2] = {-1, -1};
-
-void OnInterrupt(int)
-{
-    const char byte = 1;
-    [[maybe_unused]] const ssize_t written = ::write(g_signalPipe[1], &byte, 1);
 }
 
 // Browser sign-in: the library polls for the code bound to a fresh GUID while
@@ -378,18 +359,31 @@ int LoginInBrowser(const Arguments& args, bool json)
     if (args.Flag(QStringLiteral("--timeout"))
         && (!ParseInt(args.Value(QStringLiteral("--timeout")), QStringLiteral("--timeout"), seconds) || seconds <= 0))
         return 2;
-    // Ctrl-C stops the polling through the library and ends with a short message; the
-    // handler is in place before the address is shown.
-    if (::pipe(g_signalPipe) != 0) {
-        Error(QStringLiteral("cannot prepare for Ctrl-C"));
-        return 1;
-    }
-    std::signal(SIGINT, OnInterrupt);
-    std::signal(SIGTERM, OnInterrupt);
     CQMMemberWebService service(args.Value(QStringLiteral("--product-key")).toStdWString(), false, 10000, 0);
     const QString guid = CQMMemberWebService::GenerateApiRequestID();
     const QString url =
         QStringLiteral("https://%1/signin?GUID=%2").arg(QString::fromStdWString(service.GetWebHost()), guid);
+    int exitCode = 1;
+    QTimer tick;
+    const bool spinner = Terminal::ErrorIsTerminal();
+    auto clearSpinner = [spinner] {
+        if (spinner)
+            std::fputs("\r\033[K", stderr);
+    };
+    // Ctrl-C stops the polling through the library and ends with a short message; the
+    // handler is in place before the address is shown.
+    const bool interruptible = Terminal::OnInterrupt(&service, [&] {
+        tick.stop();
+        clearSpinner();
+        service.OnMemberLogInStop();
+        Error(QStringLiteral("stopped: no sign-in"));
+        exitCode = 130;
+        QCoreApplication::exit(exitCode);
+    });
+    if (!interruptible) {
+        Error(QStringLiteral("cannot prepare for Ctrl-C"));
+        return 1;
+    }
     {
         QTextStream out(stdout);
         out << (json ? QString::fromUtf8(QJsonDocument(QJsonObject{{"url", url}}).toJson(QJsonDocument::Compact))
@@ -400,15 +394,8 @@ int LoginInBrowser(const Arguments& args, bool json)
         && !QStandardPaths::findExecutable(QStringLiteral("xdg-open")).isEmpty())
         QProcess::startDetached(QStringLiteral("xdg-open"), {url});
 
-    int exitCode = 1;
-    const bool spinner = ::isatty(STDERR_FILENO);
-    auto clearSpinner = [spinner] {
-        if (spinner)
-            std::fputs("\r\033[K", stderr);
-    };
     QElapsedTimer waited;
     waited.start();
-    QTimer tick;
     QObject::connect(&tick, &QTimer::timeout, &tick, [&waited] {
         static const char* const frames[] = {"|", "/", "-", "\\"};
         static int frame = 0;
@@ -441,15 +428,6 @@ int LoginInBrowser(const Arguments& args, bool json)
         QCoreApplication::exit(exitCode);
     });
 
-    QSocketNotifier interrupted(g_signalPipe[0], QSocketNotifier::Read);
-    QObject::connect(&interrupted, &QSocketNotifier::activated, &service, [&] {
-        tick.stop();
-        clearSpinner();
-        service.OnMemberLogInStop();
-        Error(QStringLiteral("stopped: no sign-in"));
-        exitCode = 130;
-        QCoreApplication::exit(exitCode);
-    });
 
     service.MemberLogInPollingAsync(guid.toStdWString(), seconds * 1000, 1000, true);
     QCoreApplication::exec();

@@ -1,0 +1,23 @@
+#pragma once
+
+#include <QString>
+
+#include <functional>
+
+class QObject;
+
+// What the command line needs of the terminal; one file per platform.
+namespace Terminal {
+
+/// True when standard input (or standard error) is a terminal.
+bool InputIsTerminal();
+bool ErrorIsTerminal();
+
+/// Shows \a prompt on standard error and reads a line from the terminal without echo.
+/// Echo is off before the prompt shows, so nothing typed after it is echoed.
+QString ReadHiddenLine(const char* prompt);
+
+/// Calls \a handler in \a context's thread on Ctrl-C (or a termination request).
+bool OnInterrupt(QObject* context, std::function<void()> handler);
+
+} // namespace Terminal

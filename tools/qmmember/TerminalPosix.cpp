@@ -1,0 +1,65 @@
+#include "Terminal.h"
+
+#include <QSocketNotifier>
+#include <QTextStream>
+
+#include <csignal>
+#include <cstdio>
+#include <termios.h>
+#include <unistd.h>
+
+namespace Terminal {
+
+namespace {
+int g_pipe[2] = {-1, -1};
+
+// Only async-signal-safe work here: one byte into the pipe, read by the event loop.
+void Signalled(int)
+{
+    const char byte = 1;
+    [[maybe_unused]] const ssize_t written = ::write(g_pipe[1], &byte, 1);
+}
+} // namespace
+
+bool InputIsTerminal()
+{
+    return ::isatty(STDIN_FILENO);
+}
+
+bool ErrorIsTerminal()
+{
+    return ::isatty(STDERR_FILENO);
+}
+
+QString ReadHiddenLine(const char* prompt)
+{
+    termios saved {};
+    ::tcgetattr(STDIN_FILENO, &saved);
+    termios quiet = saved;
+    quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+    ::tcsetattr(STDIN_FILENO, TCSAFLUSH, &quiet);
+    std::fputs(prompt, stderr);
+    std::fflush(stderr);
+    QTextStream in(stdin);
+    in.setCodec("UTF-8");
+    const QString line = in.readLine();
+    ::tcsetattr(STDIN_FILENO, TCSAFLUSH, &saved);
+    std::fputs("\n", stderr);
+    return line;
+}
+
+bool OnInterrupt(QObject* context, std::function<void()> handler)
+{
+    if (::pipe(g_pipe) != 0)
+        return false;
+    auto* notifier = new QSocketNotifier(g_pipe[0], QSocketNotifier::Read, context);
+    QObject::connect(notifier, &QSocketNotifier::activated, context, [notifier, handler] {
+        notifier->setEnabled(false);
+        handler();
+    });
+    std::signal(SIGINT, Signalled);
+    std::signal(SIGTERM, Signalled);
+    return true;
+}
+
+} // namespace Terminal
