@@ -64,21 +64,29 @@ std::string Page(const QString& title, const QString& body)
         .toStdString();
 }
 
-QString SignInForm(const QString& guid, const QString& email, const QString& error)
+QString SignInForm(const QString& guid)
 {
-    QString form = QStringLiteral("<h1>Sign in to Quillmarsh</h1>");
-    if (!error.isEmpty())
-        form += QStringLiteral("<p class=\"error\" role=\"alert\">%1</p>").arg(Html(error));
-    form += QStringLiteral(
-                "<form method=\"post\" action=\"/signin\">"
-                "<input type=\"hidden\" name=\"guid\" value=\"%1\">"
-                "<label for=\"email\">E-mail</label>"
-                "<input id=\"email\" name=\"email\" type=\"email\" autocomplete=\"username\" required value=\"%2\">"
-                "<label for=\"password\">Password</label>"
-                "<input id=\"password\" name=\"password\" type=\"password\" autocomplete=\"current-password\" required>"
-                "<button type=\"submit\">Sign in</button></form>")
-                .arg(Html(guid), Html(email));
-    return form;
+    return QStringLiteral(
+               "<h1>Sign in to Quillmarsh</h1>"
+               "<form method=\"post\" action=\"/signin\">"
+               "<input type=\"hidden\" name=\"guid\" value=\"%1\">"
+               "<label for=\"email\">E-mail</label>"
+               "<input id=\"email\" name=\"email\" type=\"email\" autocomplete=\"username\" required>"
+               "<label for=\"password\">Password</label>"
+               "<input id=\"password\" name=\"password\" type=\"password\" autocomplete=\"current-password\" required>"
+               "<button type=\"submit\">Sign in</button></form>")
+        .arg(Html(guid));
+}
+
+// A page with a heading and one message: "error" messages are announced to screen readers as alerts.
+void SendPage(httplib::Response& response, int status, const QString& heading, const QString& message,
+              const char* kind)
+{
+    response.status = status;
+    const QString role = QLatin1String(kind) == QLatin1String("error") ? QStringLiteral("alert") : QStringLiteral("status");
+    response.set_content(Page(heading, QStringLiteral("<h1>%1</h1><p class=\"%2\" role=\"%3\">%4</p>")
+                                           .arg(Html(heading), QLatin1String(kind), role, Html(message))),
+                         "text/html; charset=utf-8");
 }
 
 QString Text(const std::string& utf8)
@@ -355,24 +363,15 @@ void MemberServer::ShowSignInPage(const Request& request, Response& response)
     const QString guid = Text(request.get_param_value("GUID"));
     SignIn signIn;
     bool expired = false;
-    if (!PendingSignIn(guid, signIn, expired)) {
-        response.status = 400;
-        return response.set_content(Page(QStringLiteral("Sign-in link not valid"),
-                                         QStringLiteral("<h1>This sign-in link is not valid</h1><p class=\"error\" "
-                                                        "role=\"alert\">Start the sign-in again from the application."
-                                                        "</p>")),
-                                    "text/html; charset=utf-8");
-    }
-    if (expired || signIn.status != 1) {
-        response.status = 410;
-        return response.set_content(
-            Page(QStringLiteral("Sign-in link expired"),
-                 QStringLiteral("<h1>This sign-in link has expired</h1><p class=\"error\" role=\"alert\">It was used "
-                                "already or is too old. Start the sign-in again from the application.</p>")),
-            "text/html; charset=utf-8");
-    }
-    response.set_content(Page(QStringLiteral("Sign in"), SignInForm(guid, QString(), QString())),
-                         "text/html; charset=utf-8");
+    if (!PendingSignIn(guid, signIn, expired))
+        return SendPage(response, 400, QStringLiteral("This sign-in link is not valid"),
+                        QStringLiteral("Start the sign-in again from the application."), "error");
+    if (expired || signIn.status != 1)
+        return SendPage(response, 410, QStringLiteral("This sign-in link has expired"),
+                        QStringLiteral("It was used already or is too old. Start the sign-in again from the "
+                                       "application."),
+                        "error");
+    response.set_content(Page(QStringLiteral("Sign in"), SignInForm(guid)), "text/html; charset=utf-8");
 }
 
 void MemberServer::SubmitSignInPage(const Request& request, Response& response)
@@ -385,27 +384,17 @@ void MemberServer::SubmitSignInPage(const Request& request, Response& response)
     const QString password = form.queryItemValue(QStringLiteral("password"), QUrl::FullyDecoded);
     SignIn signIn;
     bool expired = false;
-    if (!PendingSignIn(guid, signIn, expired) || expired || signIn.status != 1) {
-        response.status = 410;
-        return response.set_content(
-            Page(QStringLiteral("Sign-in link expired"),
-                 QStringLiteral("<h1>This sign-in link has expired</h1><p class=\"error\" role=\"alert\">Start the "
-                                "sign-in again from the application.</p>")),
-            "text/html; charset=utf-8");
-    }
+    if (!PendingSignIn(guid, signIn, expired) || expired || signIn.status != 1)
+        return SendPage(response, 410, QStringLiteral("This sign-in link has expired"),
+                        QStringLiteral("Start the sign-in again from the application."), "error");
     int status = 1;
-    if (!BindSignIn(guid, email, password, true, status)) {
-        response.status = 401;
-        return response.set_content(
-            Page(QStringLiteral("Wrong e-mail or password"),
-                 QStringLiteral("<h1>Sign-in refused</h1><p class=\"error\" role=\"alert\">The e-mail or the password "
-                                "is wrong. The application has been told; start the sign-in again from there.</p>")),
-            "text/html; charset=utf-8");
-    }
-    response.set_content(Page(QStringLiteral("Signed in"),
-                              QStringLiteral("<h1>You are signed in</h1><p class=\"done\" role=\"status\">You can "
-                                             "close this window and return to the application.</p>")),
-                         "text/html; charset=utf-8");
+    if (!BindSignIn(guid, email, password, true, status))
+        return SendPage(response, 401, QStringLiteral("Sign-in refused"),
+                        QStringLiteral("The e-mail or the password is wrong. The application has been told; start "
+                                       "the sign-in again from there."),
+                        "error");
+    SendPage(response, 200, QStringLiteral("You are signed in"),
+             QStringLiteral("You can close this window and return to the application."), "done");
 }
 
 bool MemberServer::BindSignIn(const QString& guid, const QString& email, const QString& password, bool checkPassword,
