@@ -60,6 +60,14 @@ struct Statement {
     sqlite3_stmt* stmt = nullptr;
 };
 
+// The member columns every read selects, in the order MemberFromRow expects.
+const char* const kMemberColumns = "SELECT member_id, email, nickname, first_name, last_name";
+
+ServerState::Member MemberFromRow(const Statement& row)
+{
+    return {row.ColumnText(0), row.ColumnText(1), row.ColumnText(2), row.ColumnText(3), row.ColumnText(4)};
+}
+
 } // namespace
 
 ServerState::~ServerState()
@@ -109,11 +117,8 @@ ServerState::Member ServerState::AddMember(const QString& email, const QString& 
 {
     std::lock_guard<std::mutex> lock(m_mutex);
     Member member;
-    Statement find(m_db, "SELECT member_id, email, nickname, first_name, last_name FROM members WHERE email = ?1");
-    if (find.Text(1, email).Row()) {
-        member = {find.ColumnText(0), find.ColumnText(1), find.ColumnText(2), find.ColumnText(3), find.ColumnText(4)};
+    if (SelectMember("email", email, member))
         return member;
-    }
     Statement count(m_db, "SELECT COUNT(*) FROM members");
     count.Row();
     member.id = QString::number(100001 + count.ColumnInt(0));
@@ -135,24 +140,26 @@ ServerState::Member ServerState::AddMember(const QString& email, const QString& 
     return member;
 }
 
+bool ServerState::SelectMember(const char* column, const QString& value, Member& member)
+{
+    const std::string sql = std::string(kMemberColumns) + " FROM members WHERE " + column + " = ?1";
+    Statement find(m_db, sql.c_str());
+    if (!find.Text(1, value).Row())
+        return false;
+    member = MemberFromRow(find);
+    return true;
+}
+
 bool ServerState::FindMember(const QString& email, Member& member)
 {
     std::lock_guard<std::mutex> lock(m_mutex);
-    Statement find(m_db, "SELECT member_id, email, nickname, first_name, last_name FROM members WHERE email = ?1");
-    if (!find.Text(1, email).Row())
-        return false;
-    member = {find.ColumnText(0), find.ColumnText(1), find.ColumnText(2), find.ColumnText(3), find.ColumnText(4)};
-    return true;
+    return SelectMember("email", email, member);
 }
 
 bool ServerState::FindMemberById(const QString& memberId, Member& member)
 {
     std::lock_guard<std::mutex> lock(m_mutex);
-    Statement find(m_db, "SELECT member_id, email, nickname, first_name, last_name FROM members WHERE member_id = ?1");
-    if (!find.Text(1, memberId).Row())
-        return false;
-    member = {find.ColumnText(0), find.ColumnText(1), find.ColumnText(2), find.ColumnText(3), find.ColumnText(4)};
-    return true;
+    return SelectMember("member_id", memberId, member);
 }
 
 bool ServerState::CheckPassword(const QString& email, const QString& password, Member& member)
@@ -161,11 +168,11 @@ bool ServerState::CheckPassword(const QString& email, const QString& password, M
     QByteArray hash;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
-        Statement find(m_db, "SELECT member_id, email, nickname, first_name, last_name, salt, hash FROM members "
-                             "WHERE email = ?1");
+        const std::string sql = std::string(kMemberColumns) + ", salt, hash FROM members WHERE email = ?1";
+        Statement find(m_db, sql.c_str());
         if (!find.Text(1, email).Row())
             return false;
-        member = {find.ColumnText(0), find.ColumnText(1), find.ColumnText(2), find.ColumnText(3), find.ColumnText(4)};
+        member = MemberFromRow(find);
         salt = find.ColumnBlob(5);
         hash = find.ColumnBlob(6);
     }

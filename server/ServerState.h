@@ -50,6 +50,8 @@ public:
 
 private:
     QString NewAccessToken(const QString& memberId, qint64 expires);
+    // Reads one member by a column of the members table; the caller holds m_mutex.
+    bool SelectMember(const char* column, const QString& value, Member& member);
     bool Exec(const char* sql);
 
     sqlite3* m_db = nullptr;

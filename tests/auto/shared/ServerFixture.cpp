@@ -1,7 +1,8 @@
 #include "ServerFixture.h"
 
-#include "qmnetwork/HttpRequest.h"
+#include <curl/curl.h>
 
+#include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
 
@@ -54,25 +55,41 @@ void ServerFixture::Export() const
     qputenv("QM_CA_FILE", m_caFile.toLocal8Bit());
 }
 
+namespace {
+size_t Collect(char* data, size_t size, size_t count, void* reply)
+{
+    static_cast<QByteArray*>(reply)->append(data, static_cast<int>(size * count));
+    return size * count;
+}
+} // namespace
+
 QJsonObject ServerFixture::Admin(const QString& path, const QJsonObject& body) const
 {
-    // Admin calls trust this server's CA whatever the test has set.
-    const QByteArray saved = qgetenv("QM_CA_FILE");
-    qputenv("QM_CA_FILE", m_caFile.toLocal8Bit());
-    CHttpRequest request(nullptr, true);
-    std::wstring reply;
-    std::wstring headers;
-    const std::wstring host = Host().toStdWString();
-    const std::wstring target = path.toStdWString();
-    if (body.isEmpty()) {
-        request.GetSync(host.c_str(), target.c_str(), reply, headers, nullptr, 10000, false, nullptr, nullptr);
-    } else {
-        const QByteArray json = QJsonDocument(body).toJson(QJsonDocument::Compact);
-        request.PostSync(host.c_str(), target.c_str(), json.constData(), reply, headers, 10000, false,
-                         L"application/json", nullptr, false);
+    // A handle of its own that trusts this server's CA: admin calls neither go through the
+    // library under test nor touch the environment it reads, from whatever thread they come.
+    CURL* curl = curl_easy_init();
+    if (!curl)
+        return QJsonObject();
+    const QByteArray url = QStringLiteral("https://%1%2").arg(Host(), path).toUtf8();
+    const QByteArray ca = QFile::encodeName(m_caFile);
+    const QByteArray json = QJsonDocument(body).toJson(QJsonDocument::Compact);
+    QByteArray reply;
+    curl_slist* headers = curl_slist_append(nullptr, "Content-Type: application/json");
+    curl_easy_setopt(curl, CURLOPT_URL, url.constData());
+    curl_easy_setopt(curl, CURLOPT_CAINFO, ca.constData());
+    curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(curl, CURLOPT_TIMEOUT_MS, 10000L);
+    curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, &Collect);
+    curl_easy_setopt(curl, CURLOPT_WRITEDATA, &reply);
+    if (!body.isEmpty()) {
+        curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
+        curl_easy_setopt(curl, CURLOPT_POSTFIELDS, json.constData());
+        curl_easy_setopt(curl, CURLOPT_POSTFIELDSIZE, static_cast<long>(json.size()));
     }
-    qputenv("QM_CA_FILE", saved);
-    return QJsonDocument::fromJson(QString::fromStdWString(reply).toUtf8()).object();
+    curl_easy_perform(curl);
+    curl_slist_free_all(headers);
+    curl_easy_cleanup(curl);
+    return QJsonDocument::fromJson(reply).object();
 }
 
 long ServerFixture::Connections() const
