@@ -182,6 +182,12 @@ public:
     static QString EncryptUrlScheme(const QString& text);
     static QString DecryptUrlScheme(const QString& token);
 
+    // --- launcher services ------------------------------------------------------------
+
+    // --- content manager ----------------------------------------------------------------
+
+    // --- content upload and upload polling -------------------------------------------
+
 signals:
     void UploadMetaDataProgress(int nProgress);
     void InnerMemberLogInStop();
@@ -249,6 +255,12 @@ private:
     static QString ConvertProudctIDListToString(ProductIDList list);
     static ProductIDList ConvertStringToProudctIDList(QString text);
     static bool IsCacheInstalledProductModified(ProductIDList& installed);
+
+    // Launcher services (private).
+
+    // Content manager (private).
+
+    // Content upload and upload polling (private).
 
     // Session values: the member id, the refresh token of the last profile
     // fetch, and the GUID the browser sign-in is bound to.

@@ -128,12 +128,31 @@ bool MemberServer::Start(std::string& error)
     m_caFile = paths.ca;
     if (!m_state.Open(m_options.stateDir + "/state.db", m_options.tokenTtlSeconds, error))
         return false;
-    if (m_options.seed == "demo")
-        m_state.AddMember(QStringLiteral("demo@quillmarsh.test"), QStringLiteral("demo-password"),
-                          QStringLiteral("Demo"));
-    else if (!m_options.seed.empty()) {
-        error = "unknown seed: " + m_options.seed;
-        return false;
+    m_areas.push_back(MakeLauncherArea(*this));
+    m_areas.push_back(MakeContentArea(*this));
+    m_areas.push_back(MakeUploadArea(*this));
+    for (auto& area : m_areas) {
+        if (!area->Open(error))
+            return false;
+    }
+    for (const std::string& seed : m_options.seeds) {
+        bool taken = false;
+        if (seed == "demo") {
+            m_state.AddMember(QStringLiteral("demo@quillmarsh.test"), QStringLiteral("demo-password"),
+                              QStringLiteral("Demo"));
+            taken = true;
+        }
+        // "demo" is every area's too: each adds its part of the demo world.
+        for (auto& area : m_areas) {
+            if (area->Seed(seed, error))
+                taken = true;
+            else if (!error.empty())
+                return false;
+        }
+        if (!taken) {
+            error = "unknown seed: " + seed;
+            return false;
+        }
     }
 
     m_exDataIndex = SSL_get_ex_new_index(0, nullptr, nullptr, nullptr, nullptr);
@@ -161,6 +180,8 @@ bool MemberServer::Start(std::string& error)
             LogRequest(request);
     });
     AddRoutes();
+    for (auto& area : m_areas)
+        area->AddRoutes(*m_server, m_options.admin);
     if (m_options.admin)
         AddAdminRoutes();
 

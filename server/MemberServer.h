@@ -14,14 +14,41 @@
 #include <mutex>
 #include <set>
 #include <string>
+#include <vector>
 
 struct ServerOptions {
     int port = 0;
     std::string stateDir;
     bool admin = false;
     int tokenTtlSeconds = 3600;
-    std::string seed;
+    std::vector<std::string> seeds; // each --seed, in order
 };
+
+class MemberServer;
+
+// One service area of the server (launcher, content, upload): it registers its own
+// routes on the server and keeps its own tables in the shared SQLite state.
+class ServiceArea
+{
+public:
+    virtual ~ServiceArea() = default;
+    /// Creates the area's tables; false with \a error on failure.
+    virtual bool Open(std::string& error) = 0;
+    /// Takes a --seed value this area knows; false when it is not the area's.
+    virtual bool Seed(const std::string& seed, std::string& error)
+    {
+        (void)seed;
+        (void)error;
+        return false;
+    }
+    /// Registers the area's routes, and its /admin/ routes when the server has them on.
+    virtual void AddRoutes(httplib::Server& http, bool admin) = 0;
+};
+
+// Each area lives in a file of its own.
+std::unique_ptr<ServiceArea> MakeLauncherArea(MemberServer& server);
+std::unique_ptr<ServiceArea> MakeContentArea(MemberServer& server);
+std::unique_ptr<ServiceArea> MakeUploadArea(MemberServer& server);
 
 // The member API over HTTPS on loopback, with fault injection for tests.
 class MemberServer
@@ -38,6 +65,19 @@ public:
 
     int Port() const { return m_port; }
     std::string CaFile() const { return m_caFile; }
+
+    // What the service areas share.
+    ServerState& State() { return m_state; }
+    const ServerOptions& Options() const { return m_options; }
+    /// "https://127.0.0.1:PORT", the web host as clients reach it.
+    QString WebBase() const { return QStringLiteral("https://127.0.0.1:%1").arg(m_port); }
+    /// Writes {"apiStatus":…,"result":{"status":…,"data":…}}, with "result"
+    /// compressed when a fault asks for it.
+    void SendEnvelope(const httplib::Request& request, httplib::Response& response, int apiStatus, int status,
+                      const QJsonValue& data);
+    void SendJson(httplib::Response& response, const QJsonObject& object, int http = 200);
+    /// The state of the request's "Authorization: Token ..." header, and its member.
+    ServerState::TokenState CheckToken(const httplib::Request& request, QString& memberId);
 
 private:
     // What a test asked the server to do to the requests of one path.
@@ -57,19 +97,12 @@ private:
     void AddRoutes();
     void AddAdminRoutes();
 
-    /// Writes {"apiStatus":…,"result":{"status":…,"data":…}}, with "result"
-    /// compressed when a fault asks for it.
-    void SendEnvelope(const httplib::Request& request, httplib::Response& response, int apiStatus, int status,
-                      const QJsonValue& data);
-    void SendJson(httplib::Response& response, const QJsonObject& object, int http = 200);
     bool ShouldCompress(const std::string& path);
     void SleepInterruptible(int milliseconds);
     void CountConnection(const httplib::Request& request);
     void LogRequest(const httplib::Request& request);
 
     void HandleToken(const httplib::Request& request, httplib::Response& response);
-    /// The state of the request's "Authorization: Token ..." header, and its member.
-    ServerState::TokenState CheckToken(const httplib::Request& request, QString& memberId);
     void HandleAuthorizationCode(const httplib::Request& request, httplib::Response& response);
     void HandleLoginInfo(const httplib::Request& request, httplib::Response& response);
     void ShowSignInPage(const httplib::Request& request, httplib::Response& response);
@@ -92,6 +125,7 @@ private:
     ServerOptions m_options;
     std::unique_ptr<httplib::SSLServer> m_server;
     ServerState m_state;
+    std::vector<std::unique_ptr<ServiceArea>> m_areas;
     int m_port = 0;
     std::string m_caFile;
     std::atomic<bool> m_stopping{false};

@@ -48,6 +48,15 @@ public:
     enum class TokenState { Valid, Expired, Unknown };
     TokenState CheckAccess(const QString& access, QString& memberId);
 
+    /// Runs \a work with the database under the state's lock; the service areas keep
+    /// their own tables in the same file.
+    template <class Work>
+    auto WithDatabase(Work&& work)
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return work(m_db);
+    }
+
 private:
     QString NewAccessToken(const QString& memberId, qint64 expires);
     // Reads one member by a column of the members table; the caller holds m_mutex.

@@ -24,7 +24,8 @@ const char* const kUsage =
     "  --port N           port on 127.0.0.1; 0 (default) picks a free one\n"
     "  --admin            answer the /admin/ endpoints (fault injection, tokens, stats)\n"
     "  --token-ttl S      lifetime of access tokens in seconds (default 3600)\n"
-    "  --seed demo        create the demo member demo@quillmarsh.test / demo-password\n";
+    "  --seed demo        create the demo member demo@quillmarsh.test / demo-password\n"
+    "                     (and the demo world of every service area); may be repeated\n";
 
 bool ParseNumber(const char* text, int& value)
 {
@@ -59,7 +60,7 @@ int main(int argc, char** argv)
                 return 2;
             }
         } else if (arg == "--seed" && hasValue) {
-            options.seed = argv[++i];
+            options.seeds.push_back(argv[++i]);
         } else if (arg == "--help" || arg == "-h") {
             std::cout << kUsage;
             return 0;

@@ -1,0 +1,2 @@
+// Content manager: catalogue, metadata, versions, hash notices and cart.
+#include "QMMemberWebService.h"

@@ -1,0 +1,2 @@
+// Content upload and upload polling.
+#include "QMMemberWebService.h"
