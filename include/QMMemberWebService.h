@@ -259,6 +259,18 @@ private:
     // Launcher services (private).
 
     // Content manager (private).
+    /// The calling pattern of every content call: a fresh id from GenerateApiRequestID, one-shot
+    /// ErrorNotice / FinishApiRequest handlers matched by it (direct connections, so a call from
+    /// another thread works too), then DoApiRequest(path, body, timeoutMs, needLogin, sync true,
+    /// id, empty reply key): a GET for an empty body, else a POST. \a onFinish runs at most once,
+    /// in the FinishApiRequest handler, with this request's result text (possibly empty); it does
+    /// not run on a missing login or a failed connection, whose ErrorNotice comes first. Returns
+    /// DoApiRequest's result unchanged. Other requests on this object never reach \a onFinish.
+    EWSResult ContentSyncRequest(std::wstring path, std::string body, int timeoutMs, bool needLogin,
+                                 const std::function<void(const std::wstring&)>& onFinish);
+    /// ContentSyncRequest whose handler copies the result text into \a out.
+    EWSResult ContentSyncRequest(std::wstring path, std::string body, int timeoutMs, bool needLogin,
+                                 std::wstring& out);
 
     // Content upload and upload polling (private).
 
