@@ -8,6 +8,7 @@
 #include "../qmnetwork/TextConvert.h"
 #include "../registry/RegistryStore.h"
 
+#include <QAbstractEventDispatcher>
 #include <QDateTime>
 #include <QDomDocument>
 #include <QJsonArray>
@@ -108,12 +109,26 @@ void CQMMemberWebService::ReleaseServiceHttpRequest(CHttpRequest* pHttp)
     DisposeRequest(pHttp);
 }
 
+namespace {
+
+// A thread without a dispatcher (a host's plain thread, or the main thread of a
+// host without an application object) never runs a posted deletion.
+bool EventLoopCanRun()
+{
+    QThread* thread = QThread::currentThread();
+    return thread->loopLevel() > 0 || QAbstractEventDispatcher::instance(thread) != nullptr;
+}
+
+} // namespace
+
 void QMService::DisposeRequest(CHttpRequest* request)
 {
     if (request->thread() != QThread::currentThread())
         request->EndSocketThread();
-    else
+    else if (EventLoopCanRun())
         request->deleteLater();
+    else
+        delete request; // emits nothing any more: synchronous, or its exchange is over
 }
 
 QString CQMMemberWebService::GenerateApiRequestID()
