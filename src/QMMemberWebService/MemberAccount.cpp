@@ -361,6 +361,15 @@ void CQMMemberWebService::StartLoginTimer(int ms)
         },
         Qt::DirectConnection);
     connect(timerThread, SIGNAL(started()), timer, SLOT(start()));
+    // Stopped and deleted in its own thread as that thread ends, however early the
+    // quit comes: a quit before the loop runs leaves no posted event to lose.
+    connect(
+        timerThread, &QThread::finished, timerThread,
+        [timer] {
+            timer->stop();
+            delete timer;
+        },
+        Qt::DirectConnection);
     timerThread->start(QThread::InheritPriority);
 }
 
@@ -369,12 +378,7 @@ void CQMMemberWebService::StopLoginTimer()
     if (!m_pLoginTimer)
         return;
     qCDebug(lcService) << " StopLoginTimer() ";
-    // The timer lives in its own thread: it is stopped and deleted there, and that thread is joined.
-    QTimer* timer = m_pLoginTimer;
-    QMetaObject::invokeMethod(timer, [timer] {
-        timer->stop();
-        timer->deleteLater();
-    });
+    // The timer is stopped and deleted in its own thread as it ends; that thread is joined.
     m_pLoginTimerThread->quit();
     m_pLoginTimerThread->wait();
     delete m_pLoginTimerThread;
