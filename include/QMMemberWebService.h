@@ -10,6 +10,7 @@
 
 #include <atomic>
 #include <functional>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -27,6 +28,9 @@ class QTimer;
 
 namespace QMRegistryTool {
 class CQMRegistryAgent;
+}
+namespace QMService {
+class CQMWorkerLink;
 }
 
 /// The client of the member web services, one object per product.
@@ -363,6 +367,10 @@ private:
     QHash<QString, int> m_kTokenRetries; // re-sends of asynchronous requests after an expired token
     std::wstring m_strSign;
     std::wstring m_strSignCheck;
+    // Between this object and its inner service on a worker thread (ServicePrivate.h):
+    // the link of the inner service this object made, and, on an inner service, its owner's.
+    std::shared_ptr<QMService::CQMWorkerLink> m_pWorkerLink;
+    std::shared_ptr<QMService::CQMWorkerLink> m_pOwnerLink;
 
     static std::atomic<bool> ms_bInternetConnection;
     static std::atomic<bool> ms_bCheckCurrentInternetConnection;

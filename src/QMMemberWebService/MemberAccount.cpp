@@ -14,6 +14,7 @@
 #include <QFile>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QPointer>
 #include <QStringList>
 #include <QTextStream>
 #include <QThread>
@@ -251,7 +252,8 @@ void CQMMemberWebService::MemberLogInPollingAsync(const std::wstring& guid, int 
                                                   bool flag)
 {
     qCDebug(lcService) << "CQMMemberWebService::MemberLogInPollingAsync()";
-    if (m_pInnerService && m_pInnerService->thread() != QThread::currentThread()) {
+    // An inner service lives until its thread has ended; the link answers without racing that end.
+    if (m_pWorkerLink && m_pWorkerLink->WithInner([](CQMMemberWebService*) {})) {
         qCWarning(lcService) << "CQMMemberWebService::MemberLogInPollingAsync a browser sign-in is under way already";
         return;
     }
@@ -261,6 +263,8 @@ void CQMMemberWebService::MemberLogInPollingAsync(const std::wstring& guid, int 
         m_bAsyncLogin = false;
         return;
     }
+    if (!m_pWorkerLink) // an InnerMemberService of a subclass
+        m_pWorkerLink = std::make_shared<CQMWorkerLink>(this);
     inner->m_strPollingGuid = guid;
     inner->m_nLoginTimeLimitMs = timeLimitMs;
     inner->m_nLoginPollIntervalMs = pollIntervalMs;
@@ -270,12 +274,16 @@ void CQMMemberWebService::MemberLogInPollingAsync(const std::wstring& guid, int 
     inner->moveToThread(thread);
     connect(thread, SIGNAL(started()), inner, SLOT(OnMemberLogInPolling()));
     // Results come from the polling or the timer thread; they are posted to this
-    // object's thread as functors, which needs no registered argument types.
+    // object's thread as functors, which needs no registered argument types, and
+    // through the link, which drops them once this object is gone.
+    const std::shared_ptr<CQMWorkerLink> link = m_pWorkerLink;
+    const QPointer<QThread> pollingThread(thread);
     connect(
         inner, &CQMMemberWebService::LoginResult, this,
-        [this, thread](EWSResult result, const std::wstring& text) {
-            QMetaObject::invokeMethod(
-                this, [this, thread, result, text] { RelayLoginResult(result, text, thread); }, Qt::QueuedConnection);
+        [link, pollingThread](EWSResult result, const std::wstring& text) {
+            link->Post([pollingThread, result, text](CQMMemberWebService* owner) {
+                owner->RelayLoginResult(result, text, pollingThread.data());
+            });
         },
         Qt::DirectConnection);
     connect(inner, &CQMMemberWebService::LoginStatus, this, [this](int status) {
@@ -290,6 +298,7 @@ void CQMMemberWebService::MemberLogInPollingAsync(const std::wstring& guid, int 
     // The inner service is deleted in its own thread as that thread ends.
     connect(thread, &QThread::finished, inner, &QObject::deleteLater);
     connect(thread, SIGNAL(finished()), thread, SLOT(deleteLater()));
+    m_pWorkerLink->AddThread(thread);
     m_bPollingThreadRunning = true;
     thread->start(QThread::InheritPriority);
 }
@@ -352,6 +361,15 @@ void CQMMemberWebService::StartLoginTimer(int ms)
         },
         Qt::DirectConnection);
     connect(timerThread, SIGNAL(started()), timer, SLOT(start()));
+    // Stopped and deleted in its own thread as that thread ends, however early the
+    // quit comes: a quit before the loop runs leaves no posted event to lose.
+    connect(
+        timerThread, &QThread::finished, timerThread,
+        [timer] {
+            timer->stop();
+            delete timer;
+        },
+        Qt::DirectConnection);
     timerThread->start(QThread::InheritPriority);
 }
 
@@ -360,12 +378,7 @@ void CQMMemberWebService::StopLoginTimer()
     if (!m_pLoginTimer)
         return;
     qCDebug(lcService) << " StopLoginTimer() ";
-    // The timer lives in its own thread: it is stopped and deleted there, and that thread is joined.
-    QTimer* timer = m_pLoginTimer;
-    QMetaObject::invokeMethod(timer, [timer] {
-        timer->stop();
-        timer->deleteLater();
-    });
+    // The timer is stopped and deleted in its own thread as it ends; that thread is joined.
     m_pLoginTimerThread->quit();
     m_pLoginTimerThread->wait();
     delete m_pLoginTimerThread;
@@ -375,7 +388,9 @@ void CQMMemberWebService::StopLoginTimer()
 
 void CQMMemberWebService::RelayLoginResult(EWSResult result, const std::wstring& text, QThread* pollingThread)
 {
-    pollingThread->quit();
+    // The thread may have ended and gone already (a time-out racing the loop's end).
+    if (pollingThread)
+        pollingThread->quit();
     // The text of a success is the credential that was sent: it is not logged.
     qCDebug(lcService).nospace().noquote() << "CQMMemberWebService::LoginResult Result = " << int(result)
                                            << " , Error = " << (result == WS_OK ? QStringLiteral("<credential>") : Q(text));
@@ -394,8 +409,8 @@ void CQMMemberWebService::OnMemberLogInStop()
     qCDebug(lcService) << "CQMMemberWebService::OnMemberLogInStop()";
     // The polling loop sees the flag after the request in flight and ends its thread,
     // which deletes the inner service; nothing is reported for a stop.
-    if (m_pInnerService)
-        m_pInnerService->m_bLoginPolling = false;
+    if (m_pWorkerLink)
+        m_pWorkerLink->WithInner([](CQMMemberWebService* inner) { inner->StopInnerLoginPolling(); });
     m_bAsyncLogin = false;
 }
 

@@ -8,12 +8,14 @@
 #include "../qmnetwork/TextConvert.h"
 #include "../registry/RegistryStore.h"
 
+#include <QAbstractEventDispatcher>
 #include <QDateTime>
 #include <QDomDocument>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QMutex>
+#include <QPointer>
 #include <QThread>
 #include <QUuid>
 
@@ -82,8 +84,12 @@ CQMRequestGuard::CQMRequestGuard(CQMMemberWebService* service, const QString& ca
 
 CQMRequestGuard::~CQMRequestGuard()
 {
-    if (m_request)
+    if (!m_request)
+        return; // went with its parent, the service
+    if (m_service)
         m_service->ReleaseServiceHttpRequest(m_request);
+    else if (!m_request->parent())
+        DisposeRequest(m_request);
 }
 
 CHttpRequest* CQMMemberWebService::ServiceHttpRequest(QString caller, bool sync)
@@ -100,10 +106,29 @@ void CQMMemberWebService::ReleaseServiceHttpRequest(CHttpRequest* pHttp)
     if (!pHttp)
         return;
     m_kLiveRequests.remove(pHttp);
-    if (pHttp->thread() != QThread::currentThread())
-        pHttp->EndSocketThread();
+    DisposeRequest(pHttp);
+}
+
+namespace {
+
+// A thread without a dispatcher (a host's plain thread, or the main thread of a
+// host without an application object) never runs a posted deletion.
+bool EventLoopCanRun()
+{
+    QThread* thread = QThread::currentThread();
+    return thread->loopLevel() > 0 || QAbstractEventDispatcher::instance(thread) != nullptr;
+}
+
+} // namespace
+
+void QMService::DisposeRequest(CHttpRequest* request)
+{
+    if (request->thread() != QThread::currentThread())
+        request->EndSocketThread();
+    else if (EventLoopCanRun())
+        request->deleteLater();
     else
-        pHttp->deleteLater();
+        delete request; // emits nothing any more: synchronous, or its exchange is over
 }
 
 QString CQMMemberWebService::GenerateApiRequestID()
@@ -173,11 +198,16 @@ CQMMemberWebService::EWSResult CQMMemberWebService::DoApiRequest(std::wstring pa
                             : request->PostSync(host.c_str(), path.c_str(), body.c_str(), reply, replyHeaders,
                                                 static_cast<unsigned int>(timeoutMs), true, contentType, nullptr,
                                                 false);
+        const QPointer<CQMMemberWebService> self(this);
         const EWSResult connection = ConnectionEndProcess(proxyAccount, proxyPassword, true, ok, kGuid);
+        if (!self)
+            return connection;
         reply = request->GetReturnData();
         applyReplyKey(reply);
         std::wstring resultText;
         EWSResult result = ExtractApiResult(path, body, timeoutMs, needLogin, sync, reply, resultText, kGuid);
+        if (!self)
+            return result;
         // An exchange that never completed has nothing to extract: report the connection.
         if (!ok)
             result = connection;
@@ -192,11 +222,15 @@ CQMMemberWebService::EWSResult CQMMemberWebService::DoApiRequest(std::wstring pa
         QObject::disconnect(connections->first);
         QObject::disconnect(connections->second);
     };
+    // A host may destroy the service in a slot of its own signal: after each
+    // emit the handler goes on only while the service lives.
     connections->second = connect(request, &CHttpRequest::ErrorAsync, this,
                                   [this, kGuid, guard, disconnectBoth](unsigned int) mutable {
                                       disconnectBoth();
+                                      const QPointer<CQMMemberWebService> self(this);
                                       emit ErrorNotice(kGuid, WS_UNEXPECT_FAIL);
-                                      emit FinishApiRequest(std::wstring(), false, kGuid);
+                                      if (self)
+                                          emit FinishApiRequest(std::wstring(), false, kGuid);
                                       guard.reset();
                                   });
     connections->first = connect(
@@ -204,12 +238,17 @@ CQMMemberWebService::EWSResult CQMMemberWebService::DoApiRequest(std::wstring pa
         [this, request, path, body, timeoutMs, needLogin, sync, kGuid, replyKey, guard, disconnectBoth,
          applyReplyKey](std::wstring) mutable {
             disconnectBoth();
+            const QPointer<CQMMemberWebService> self(this);
             ConnectionEndProcess(request->GetProxyAccount(), request->GetProxyPW(), true,
                                  request->GetHttpStatus() != 0, kGuid);
+            if (!self)
+                return;
             std::wstring reply = request->GetReturnData();
             applyReplyKey(reply);
             std::wstring resultText;
             EWSResult result = ExtractApiResult(path, body, timeoutMs, needLogin, sync, reply, resultText, kGuid);
+            if (!self)
+                return;
             if (request->GetNetLastError() == 499)
                 result = WS_SERVER_BUSY;
             if (result == WS_TOKEN_EXPIRE && !ms_bCurrentInternetConnection) {
@@ -224,7 +263,8 @@ CQMMemberWebService::EWSResult CQMMemberWebService::DoApiRequest(std::wstring pa
                     emit FinishApiRequest(resultText, result == WS_SERVER_BUSY, kGuid);
                 } else {
                     emit ErrorNotice(kGuid, result);
-                    emit FinishApiRequest(resultText, false, kGuid);
+                    if (self)
+                        emit FinishApiRequest(resultText, false, kGuid);
                 }
             }
             guard.reset();

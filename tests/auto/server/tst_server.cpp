@@ -7,6 +7,9 @@
 #include <QProcess>
 #include <QtTest>
 
+#include <csignal>
+#include <cstdio>
+
 #include <sys/stat.h>
 
 class TestServer : public QObject
@@ -27,6 +30,41 @@ private:
     }
 
 private slots:
+    void initTestCase()
+    {
+        // The child of serverDiesWithAbortingTest: a test that aborts with its server running.
+        if (qEnvironmentVariableIsSet("QM_ABORT_WITH_SERVER")) {
+            static ServerFixture server;
+            if (server.Start())
+                std::printf("%lld\n", server.Pid());
+            std::fflush(stdout);
+            ::raise(SIGKILL); // no handler or destructor of the test runs
+
+        }
+    }
+
+    void serverDiesWithAbortingTest()
+    {
+        QProcess child;
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.insert("QM_ABORT_WITH_SERVER", "1");
+        child.setProcessEnvironment(environment);
+        child.start(QCoreApplication::applicationFilePath(), {"startsAndStopsCleanly"});
+        QVERIFY(child.waitForFinished(30000));
+        QCOMPARE(child.exitStatus(), QProcess::CrashExit);
+        const QByteArray pid = child.readAllStandardOutput().trimmed().split('\n').last();
+        QVERIFY2(pid.toLongLong() > 0, pid.constData());
+        // Gone, or a zombie waiting for its new parent to reap it.
+        auto alive = [&pid] {
+            QFile stat(QStringLiteral("/proc/%1/stat").arg(QString::fromLatin1(pid)));
+            if (!stat.open(QIODevice::ReadOnly))
+                return false;
+            const QByteArray line = stat.readAll();
+            return line.mid(line.lastIndexOf(')') + 2, 1) != "Z";
+        };
+        QTRY_VERIFY_WITH_TIMEOUT(!alive(), 5000);
+    }
+
     void startsAndStopsCleanly()
     {
         QTemporaryDir state;

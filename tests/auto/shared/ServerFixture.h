@@ -8,6 +8,19 @@
 
 #include <memory>
 
+// A child process that dies with the test, even when the test aborts: the child
+// asks the kernel for SIGKILL when its parent goes.
+class ServerProcess : public QProcess
+{
+public:
+    ServerProcess();
+
+#if QT_VERSION < QT_VERSION_CHECK(6, 0, 0)
+protected:
+    void setupChildProcess() override;
+#endif
+};
+
 // Starts qmmember-server on an ephemeral loopback port with its own state
 // folder, waits for its ready line, and stops it on destruction.
 class ServerFixture
@@ -21,6 +34,7 @@ public:
     void Stop();
 
     int Port() const { return m_port; }
+    qint64 Pid() const { return m_process.processId(); }
     QString Host() const { return QStringLiteral("127.0.0.1:%1").arg(m_port); }
     QString CaFile() const { return m_caFile; }
 
@@ -39,7 +53,7 @@ public:
 
 private:
     std::unique_ptr<QTemporaryDir> m_state;
-    QProcess m_process;
+    ServerProcess m_process;
     int m_port = 0;
     QString m_caFile;
 };
