@@ -10,6 +10,7 @@
 
 #include <atomic>
 #include <functional>
+#include <map>
 #include <memory>
 #include <string>
 #include <utility>
@@ -250,6 +251,35 @@ public:
     EWSResult AddToMemberCart(std::vector<std::wstring> contentIds, QSet<QString>& cartLinks, int timeout);
 
     // --- content upload and upload polling -------------------------------------------
+    // Synchronous calls, at most \a timeout ms each; outputs as for the content manager above.
+
+    /// What may be uploaded for a product version (types, largest size, bucket, key prefix); needs a login.
+    EWSResult GetContentUploadInitInfo(const std::wstring& productId, const std::wstring& version,
+                                       std::wstring& out, int timeout);
+    /// The storage credentials of the upload, deciphered from the reply's "aws_info". Every failure
+    /// after the request, a failed request included, is WS_PARSE_CONTENT_FAIL (-12); the outputs then
+    /// hold what was read before the failing step. The library keeps no copy of them.
+    EWSResult GetContentUploadAWSInfo(std::wstring& accessKey, std::wstring& secretKey, std::wstring& bucketName,
+                                      int timeout);
+    /// Allots new content IDs: \a countsByProduct maps an application product to how many it needs.
+    /// \a out receives the server's list.
+    EWSResult GetGenerateContentID(std::map<std::wstring, int> countsByProduct, std::wstring& out, int timeout);
+    /// Posts the metadata of an uploaded pack (\a metaData, JSON text sent as it is); the server then
+    /// processes the pack. \a whole false posts one item ("/Item"). Its signals carry an empty kGuid.
+    EWSResult UploadContentMetaData(const std::wstring& metaData, int timeout, bool whole);
+    /// The server's processing log of a pack: "ProcessStatus", "Percentage", "Log".
+    EWSResult GetUploadContentMetaDataLog(const std::wstring& packId, std::wstring& out, int timeout);
+    /// Polls the processing log of \a packId on a worker thread, sleeping \a pollIntervalMs before
+    /// every request. UploadMetaDataProgress(percent) follows statuses 0 and 11 (11 reports 0); any
+    /// other status, or -1 for an empty or unparsable log, ends the loop with one UploadResult. Both
+    /// signals come in this object's thread, which must run an event loop. \a pollArg and
+    /// \a pollFlag are kept and not used by the loop. A call while a loop runs does nothing.
+    void MemberUploadPollingAsync(const std::wstring& packId, int pollArg, int pollIntervalMs, bool pollFlag);
+    /// Ends the upload polling after the request in flight; one UploadResult(-8) follows.
+    /// Does nothing when no upload polling runs. Any thread.
+    void StopUploadPolling();
+    /// True from MemberUploadPollingAsync until its thread has finished.
+    bool IsUploadPollingThreadRunning() const { return m_bPollingThreadRunning; }
 
 signals:
     void UploadMetaDataProgress(int nProgress);
@@ -336,6 +366,13 @@ private:
                                  std::wstring& out);
 
     // Content upload and upload polling (private).
+    void StopInnerUploadPolling() { m_bUploadStop = true; }
+    std::wstring m_strPollPackId;
+    int m_nPollArg = 0;
+    int m_nPollIntervalMs = 0;
+    bool m_bPollFlag = false;
+    std::atomic<bool> m_bUploadPolling{false};
+    std::atomic<bool> m_bUploadStop{false};
 
     // Session values: the member id, the refresh token of the last profile
     // fetch, and the GUID the browser sign-in is bound to.

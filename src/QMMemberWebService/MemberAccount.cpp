@@ -414,11 +414,6 @@ void CQMMemberWebService::OnMemberLogInStop()
     m_bAsyncLogin = false;
 }
 
-void CQMMemberWebService::OnMemberUploadPolling()
-{
-    qCDebug(lcService) << "CQMMemberWebService::OnMemberUploadPolling()";
-}
-
 // --- sign-in ---------------------------------------------------------------------------------
 
 namespace {

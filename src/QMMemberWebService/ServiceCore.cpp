@@ -69,7 +69,12 @@ CQMMemberWebService::~CQMMemberWebService()
 {
     // Inner services stop and their threads are joined while this object is whole.
     if (m_pWorkerLink) {
-        m_pWorkerLink->Shutdown([](CQMMemberWebService* inner) { inner->StopInnerLoginPolling(); }, kWorkerJoinMs);
+        m_pWorkerLink->Shutdown(
+            [](CQMMemberWebService* inner) {
+                inner->StopInnerLoginPolling();
+                inner->StopInnerUploadPolling();
+            },
+            kWorkerJoinMs);
     }
     if (m_pOwnerLink)
         m_pOwnerLink->InnerGone(this);
