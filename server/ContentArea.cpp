@@ -1,4 +1,5 @@
 // The content service area of qmmember-server.
+#include "ContentCatalogue.h"
 #include "MemberServer.h"
 
 namespace {
@@ -11,7 +12,10 @@ public:
     {
     }
 
-    bool Open(std::string&) override { return true; }
+    bool Open(std::string& error) override
+    {
+        return m_server.State().WithDatabase([&](sqlite3* db) { return ContentCatalogue::EnsureTables(db, error); });
+    }
     void AddRoutes(httplib::Server&, bool) override {}
 
 private:
