@@ -22,6 +22,11 @@ struct ServerOptions {
     bool admin = false;
     int tokenTtlSeconds = 3600;
     std::vector<std::string> seeds; // each --seed, in order
+    // S3-compatible storage of uploads: --storage URL --storage-key K --storage-secret S --bucket B
+    std::string storageUrl;
+    std::string storageKey;
+    std::string storageSecret;
+    std::string bucket;
 };
 
 class MemberServer;

@@ -61,6 +61,14 @@ int main(int argc, char** argv)
             }
         } else if (arg == "--seed" && hasValue) {
             options.seeds.push_back(argv[++i]);
+        } else if (arg == "--storage" && hasValue) {
+            options.storageUrl = argv[++i];
+        } else if (arg == "--storage-key" && hasValue) {
+            options.storageKey = argv[++i];
+        } else if (arg == "--storage-secret" && hasValue) {
+            options.storageSecret = argv[++i];
+        } else if (arg == "--bucket" && hasValue) {
+            options.bucket = argv[++i];
         } else if (arg == "--help" || arg == "-h") {
             std::cout << kUsage;
             return 0;
@@ -71,6 +79,11 @@ int main(int argc, char** argv)
     }
     if (options.stateDir.empty()) {
         std::cerr << "qmmember-server: --state DIR is required\n" << kUsage;
+        return 2;
+    }
+    if (!options.storageUrl.empty()
+        && (options.storageKey.empty() || options.storageSecret.empty() || options.bucket.empty())) {
+        std::cerr << "qmmember-server: --storage needs --storage-key, --storage-secret and --bucket\n";
         return 2;
     }
     options.stateDir = QDir(QString::fromLocal8Bit(options.stateDir.c_str())).absolutePath().toStdString();
