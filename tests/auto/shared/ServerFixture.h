@@ -8,6 +8,15 @@
 
 #include <memory>
 
+// How many times slower an instrumented build runs: short time limits of tests scale with it.
+#if defined(__SANITIZE_THREAD__)
+constexpr int kSanitizerSlowdown = 10;
+#elif defined(__SANITIZE_ADDRESS__)
+constexpr int kSanitizerSlowdown = 5;
+#else
+constexpr int kSanitizerSlowdown = 1;
+#endif
+
 // A child process that dies with the test, even when the test aborts: the child
 // asks the kernel for SIGKILL when its parent goes.
 class ServerProcess : public QProcess
