@@ -469,9 +469,9 @@ bool CQMMemberWebService::FindQDomElement(QDomDocument& document, QString tagNam
 
 // --- connectivity ----------------------------------------------------------------------
 
-bool CQMMemberWebService::CheckInternetConnection(int timeoutMs, bool arg2, bool arg3)
+bool CQMMemberWebService::CheckInternetConnection(int timeoutMs, bool useProxy, bool reserved)
 {
-    const bool active = CQMNetworkCenter::IsInternetConnectionActive(timeoutMs, arg2, arg3);
+    const bool active = CQMNetworkCenter::IsInternetConnectionActive(timeoutMs, useProxy, reserved);
     ms_bInternetConnection = active;
     ms_bCurrentInternetConnection = active;
     return active;

@@ -13,7 +13,8 @@
 
 #include <stdexcept>
 
-Q_LOGGING_CATEGORY(lcService, "qm.service")
+// Warnings and above unless the host turns more on, e.g. QT_LOGGING_RULES="qm.*.debug=true".
+Q_LOGGING_CATEGORY(lcService, "qm.service", QtWarningMsg)
 
 using namespace QMService;
 

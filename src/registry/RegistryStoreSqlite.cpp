@@ -14,7 +14,7 @@
 #include <mutex>
 #include <string>
 
-Q_LOGGING_CATEGORY(lcStore, "qm.registry")
+Q_LOGGING_CATEGORY(lcStore, "qm.registry", QtWarningMsg)
 
 namespace QMRegistryTool::Store {
 

@@ -118,6 +118,8 @@ private slots:
         m_agent = &agent;
         CQMMemberWebService::SetRegistryInterface(m_agent);
         CQMMemberWebService::SetCacheFolderPath(m_cache.path() + "/");
+        // Every line the library can write is checked for secrets, its debug lines too.
+        QLoggingCategory::setFilterRules(QStringLiteral("qm.*.debug=true"));
         qInstallMessageHandler(Capture);
     }
 
