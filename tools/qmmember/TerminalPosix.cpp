@@ -1,5 +1,7 @@
 #include "Terminal.h"
 
+#include "compat/QtCompat.h"
+
 #include <QSocketNotifier>
 #include <QTextStream>
 
@@ -41,7 +43,7 @@ QString ReadHiddenLine(const char* prompt)
     std::fputs(prompt, stderr);
     std::fflush(stderr);
     QTextStream in(stdin);
-    in.setCodec("UTF-8");
+    QMCompat::SetUtf8(in);
     const QString line = in.readLine();
     ::tcsetattr(STDIN_FILENO, TCSAFLUSH, &saved);
     std::fputs("\n", stderr);

@@ -4,6 +4,7 @@
 
 #include "LZString/LZString.h"
 #include "QMMemberWebService/Cache.h"
+#include "compat/QtCompat.h"
 #include "qmnetwork/HttpRequest.h"
 #include "registry/QMRegistryAgent.h"
 #include "registry/RegistryStore.h"
@@ -90,7 +91,7 @@ public:
     void Print()
     {
         QTextStream out(stdout);
-        out.setCodec("UTF-8");
+        QMCompat::SetUtf8(out);
         if (m_json) {
             out << QJsonDocument(m_object).toJson(QJsonDocument::Compact) << '\n';
             return;
@@ -338,7 +339,7 @@ int Report(Output& out, CQMMemberWebService& service, int code)
 bool ReadPassword(bool fromStdin, QString& password)
 {
     QTextStream in(stdin);
-    in.setCodec("UTF-8");
+    QMCompat::SetUtf8(in);
     if (fromStdin) {
         password = in.readLine();
         return true;
@@ -593,7 +594,7 @@ int Lz(const Arguments& args, bool json)
         out.Print();
     } else {
         QTextStream out(stdout);
-        out.setCodec("UTF-8");
+        QMCompat::SetUtf8(out);
         out << text << '\n';
     }
     if (text.isEmpty() && !compressed.isEmpty())
