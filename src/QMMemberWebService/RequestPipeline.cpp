@@ -173,14 +173,13 @@ CQMMemberWebService::EWSResult CQMMemberWebService::DoApiRequest(std::wstring pa
                             : request->PostSync(host.c_str(), path.c_str(), body.c_str(), reply, replyHeaders,
                                                 static_cast<unsigned int>(timeoutMs), true, contentType, nullptr,
                                                 false);
-        const EWSResult connection = ConnectionEndProcess(proxyAccount, proxyPassword, true, ok, kGuid);
+        // A failed exchange still goes through extraction: what was received decides
+        // (an empty reply is -12), after ErrorNotice(kGuid, -1) from here.
+        ConnectionEndProcess(proxyAccount, proxyPassword, true, ok, kGuid);
         reply = request->GetReturnData();
         applyReplyKey(reply);
         std::wstring resultText;
         EWSResult result = ExtractApiResult(path, body, timeoutMs, needLogin, sync, reply, resultText, kGuid);
-        // An exchange that never completed has nothing to extract: report the connection.
-        if (!ok)
-            result = connection;
         if (request->GetNetLastError() == 499)
             result = WS_SERVER_BUSY;
         emit FinishApiRequest(resultText, result == WS_SERVER_BUSY, kGuid);
