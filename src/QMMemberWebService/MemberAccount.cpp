@@ -71,12 +71,16 @@ private:
 bool CQMMemberWebService::SaveMemberToken(const std::wstring& accessToken, const std::wstring& refreshToken)
 {
     auto* registry = Registry();
-    registry->WriteString(true, kCompanyKey, L"QMLastRefreshTime",
-                          QDateTime::currentDateTime().toString(QLatin1String(kTimeFormat)).toStdWString());
-    registry->WriteString(true, kCompanyKey, L"QMBakToken", accessToken);
-    if (!registry->WriteString(true, kCompanyKey, L"QMToken", accessToken))
-        return false;
-    return registry->WriteString(true, kCompanyKey, L"QMReToken", refreshToken);
+    // One transaction: a crash or another process never sees one member's access
+    // token beside another's refresh token. Order and failure rules hold inside.
+    return registry->Transaction(true, [&] {
+        registry->WriteString(true, kCompanyKey, L"QMLastRefreshTime",
+                              QDateTime::currentDateTime().toString(QLatin1String(kTimeFormat)).toStdWString());
+        registry->WriteString(true, kCompanyKey, L"QMBakToken", accessToken);
+        if (!registry->WriteString(true, kCompanyKey, L"QMToken", accessToken))
+            return false;
+        return registry->WriteString(true, kCompanyKey, L"QMReToken", refreshToken);
+    });
 }
 
 bool CQMMemberWebService::GetAccessToken(std::wstring& token)
@@ -149,9 +153,12 @@ bool CQMMemberWebService::MemberLogOut()
         std::wstring value;
         return registry->ReadString(true, kCompanyKey, name, value) && registry->DeleteValue(true, kCompanyKey, name);
     };
-    const bool access = remove(L"QMToken");
-    const bool refresh = remove(L"QMReToken");
-    if (!access || !refresh)
+    const bool removed = registry->Transaction(true, [&] {
+        const bool access = remove(L"QMToken");
+        const bool refresh = remove(L"QMReToken");
+        return access && refresh;
+    });
+    if (!removed)
         return false;
     ClearCacheFile(QStringLiteral("ProductInfoList.json"));
     ClearCacheFile(QStringLiteral("MemberInfo.json"));
