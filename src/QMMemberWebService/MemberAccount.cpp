@@ -183,6 +183,28 @@ bool CQMMemberWebService::DumpBackupTokenToRegFile(std::wstring folder)
 
 // --- token refresh ---------------------------------------------------------------------
 
+namespace {
+thread_local std::wstring t_sentAccessToken;
+// A refresh takes up to 40 s; a waiter gives up a little later and refreshes itself.
+constexpr int kRefreshLockWaitMs = 45000;
+} // namespace
+
+CQMSentToken::CQMSentToken(const std::wstring& accessToken)
+    : m_previous(t_sentAccessToken)
+{
+    t_sentAccessToken = accessToken;
+}
+
+CQMSentToken::~CQMSentToken()
+{
+    t_sentAccessToken = m_previous;
+}
+
+std::wstring CQMSentToken::Current()
+{
+    return t_sentAccessToken;
+}
+
 CQMMemberWebService::EWSResult CQMMemberWebService::RefreshMemberAPIToken(bool flag, bool rateLimited)
 {
     if (rateLimited) {
@@ -210,6 +232,23 @@ CQMMemberWebService::EWSResult CQMMemberWebService::RefreshMemberAPIToken(bool f
     std::wstring proxyPassword;
     CQMNetworkCenter::GetProxyData(proxyAccount, proxyPassword, true);
     CQMWaitCursor cursor(m_bWaitCursor);
+
+    // The token found expired: the one the request sent, else the one stored now.
+    std::wstring expiredAccess = CQMSentToken::Current();
+    if (expiredAccess.empty())
+        GetAccessToken(expiredAccess);
+    // One refresher at a time across the user's processes; a nested refresh
+    // (an "error" 6 answer) already holds the lock.
+    std::unique_ptr<QMRegistryTool::Store::ProcessLock> lock;
+    if (t_refreshDepth == 0) {
+        lock = std::make_unique<QMRegistryTool::Store::ProcessLock>(QStringLiteral("token-refresh"),
+                                                                     kRefreshLockWaitMs);
+        std::wstring storedAccess;
+        if (GetAccessToken(storedAccess) && !storedAccess.empty() && storedAccess != expiredAccess) {
+            qCDebug(lcService) << "CQMMemberWebService::RefreshMemberAPIToken the token was renewed meanwhile";
+            return WS_OK;
+        }
+    }
 
     std::wstring refreshToken;
     if (!GetRefreshToken(refreshToken))
@@ -248,8 +287,23 @@ CQMMemberWebService::EWSResult CQMMemberWebService::RefreshMemberAPIToken(bool f
     const QJsonValue access = object.value(QLatin1String("access_token"));
     if (!access.isString())
         return WS_UNEXPECT_FAIL;
-    // The old refresh token is written back: the server keeps it valid.
-    return SaveMemberToken(access.toString().toStdWString(), refreshToken) ? WS_OK : WS_UNEXPECT_FAIL;
+    // The old refresh token is written back: the server keeps it valid. Only if it is
+    // still the stored one: a sign-in or sign-out meanwhile wins over this refresh.
+    bool changed = false;
+    auto* registry = Registry();
+    const bool saved = registry->Transaction(true, [&] {
+        std::wstring stored;
+        if (!registry->ReadString(true, kCompanyKey, L"QMReToken", stored) || stored != refreshToken) {
+            changed = true;
+            return false;
+        }
+        return SaveMemberToken(access.toString().toStdWString(), refreshToken);
+    });
+    if (changed) {
+        qCDebug(lcService) << "CQMMemberWebService::RefreshMemberAPIToken the session changed meanwhile; kept it";
+        return WS_OK;
+    }
+    return saved ? WS_OK : WS_UNEXPECT_FAIL;
 }
 
 // --- browser sign-in polling -----------------------------------------------------------------
@@ -661,7 +715,10 @@ CQMMemberWebService::EWSResult CQMMemberWebService::GetMemberLoginInfo(_CMemberL
     ConnectionEndProcess(proxyAccount, proxyPassword, true, ok, QString());
     reply = request->GetReturnData();
 
-    result = ConvertMemberLoginInfo(info, reply, true, true, false);
+    {
+        const CQMSentToken sent(accessToken);
+        result = ConvertMemberLoginInfo(info, reply, true, true, false);
+    }
     if (result == WS_TOKEN_EXPIRE) {
         if (!ms_bCurrentInternetConnection) {
             emit GetTokenFailed();

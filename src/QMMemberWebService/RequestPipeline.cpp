@@ -179,6 +179,7 @@ CQMMemberWebService::EWSResult CQMMemberWebService::DoApiRequest(std::wstring pa
         reply = request->GetReturnData();
         applyReplyKey(reply);
         std::wstring resultText;
+        const CQMSentToken sent(accessToken);
         EWSResult result = ExtractApiResult(path, body, timeoutMs, needLogin, sync, reply, resultText, kGuid);
         if (request->GetNetLastError() == 499)
             result = WS_SERVER_BUSY;
@@ -201,14 +202,18 @@ CQMMemberWebService::EWSResult CQMMemberWebService::DoApiRequest(std::wstring pa
     connections->first = connect(
         request, &CHttpRequest::FinishedAsync, this,
         [this, request, path, body, timeoutMs, needLogin, sync, kGuid, replyKey, guard, disconnectBoth,
-         applyReplyKey](std::wstring) mutable {
+         applyReplyKey, accessToken](std::wstring) mutable {
             disconnectBoth();
             ConnectionEndProcess(request->GetProxyAccount(), request->GetProxyPW(), true,
                                  request->GetHttpStatus() != 0, kGuid);
             std::wstring reply = request->GetReturnData();
             applyReplyKey(reply);
             std::wstring resultText;
-            EWSResult result = ExtractApiResult(path, body, timeoutMs, needLogin, sync, reply, resultText, kGuid);
+            EWSResult result = WS_OK;
+            {
+                const CQMSentToken sent(accessToken);
+                result = ExtractApiResult(path, body, timeoutMs, needLogin, sync, reply, resultText, kGuid);
+            }
             if (request->GetNetLastError() == 499)
                 result = WS_SERVER_BUSY;
             if (result == WS_TOKEN_EXPIRE && !ms_bCurrentInternetConnection) {

@@ -395,6 +395,59 @@ private slots:
         QCOMPARE(service.RefreshMemberAPIToken(true, false), Service::WS_UNEXPECT_FAIL);
     }
 
+    // A sign-in or sign-out while a refresh waits at the server wins over the refresh.
+    void refreshKeepsANewerSession_data()
+    {
+        QTest::addColumn<bool>("signOut");
+        QTest::newRow("signed in anew") << false;
+        QTest::newRow("signed out") << true;
+    }
+    void refreshKeepsANewerSession()
+    {
+        QFETCH(bool, signOut);
+        SignIn(0);
+        m_server.Fault({{"path", "/MemberAPI/Token"}, {"delay_ms", 500}});
+        std::atomic<int> result{0};
+        QThread* refresher = QThread::create([&result] {
+            Service service(kProduct, false, 10000, 0);
+            result = service.RefreshMemberAPIToken(true, false);
+        });
+        refresher->start();
+        QTRY_VERIFY_WITH_TIMEOUT(m_server.Admin("/admin/stats").value("requests").toInt() >= 1, 10000);
+        if (signOut)
+            QVERIFY(CQMMemberWebService::MemberLogOut());
+        else
+            SignIn();
+        QVERIFY(refresher->wait(10000));
+        delete refresher;
+        QCOMPARE(result.load(), 2);
+        std::wstring ignored;
+        QCOMPARE(m_agent->ReadString(true, kCompany, L"QMToken", ignored), !signOut);
+        QCOMPARE(m_agent->ReadString(true, kCompany, L"QMReToken", ignored), !signOut);
+        if (!signOut) {
+            QVERIFY(Read(L"QMToken") == W(m_access));
+            QVERIFY(Read(L"QMReToken") == W(m_refresh));
+        }
+    }
+
+    // Eight processes meet an expired token at once: one refresh, and every call succeeds.
+    void oneRefreshForABurstOfProcesses()
+    {
+        SignIn(0);
+        m_server.Fault({{"path", "/MemberAPI/Token"}, {"delay_ms", 300}});
+        std::vector<std::unique_ptr<QProcess>> clients;
+        for (int i = 0; i < 8; ++i) {
+            clients.push_back(std::make_unique<QProcess>());
+            clients.back()->start(QStringLiteral(QM_CLI_BINARY), {"get", "/qmtest/member", "--login"});
+        }
+        for (auto& client : clients) {
+            QVERIFY(client->waitForFinished(30000));
+            QCOMPARE(client->exitCode(), 0);
+        }
+        QCOMPARE(Count("/MemberAPI/Token"), 1);
+        QVERIFY(Read(L"QMToken") != W(m_access));
+    }
+
     void loginSharedAcrossProcesses()
     {
         SignIn();
