@@ -353,7 +353,10 @@ Database* Open(bool currentUser)
     if (found == opened.files.end()) {
         if (!QDir().mkpath(folder))
             return nullptr;
-        ::chmod(QFile::encodeName(folder).constData(), 0700);
+        // Private to the user; a folder made read-only on purpose stays so.
+        struct stat info {};
+        if (::stat(QFile::encodeName(folder).constData(), &info) == 0)
+            ::chmod(QFile::encodeName(folder).constData(), info.st_mode & 0700);
         auto db = std::make_unique<Database>(file);
         if (!db->IsOpen())
             return nullptr;
