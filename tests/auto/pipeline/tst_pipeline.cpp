@@ -145,7 +145,7 @@ private slots:
             QCOMPARE(headers.value("Local-Time").toString(), QDateTime::currentDateTimeUtc().toString("yyyyMMdd"));
         QCOMPARE(headers.contains("Authorization"), needLogin);
         if (needLogin)
-            QVERIFY(headers.value("Authorization").toString() == "Token " + m_access);
+            QCOMPARE(headers.value("Authorization").toString(), "Token " + ServerFixture::Redacted(m_access));
         // The result text is the compact JSON of "data".
         QCOMPARE(QJsonDocument::fromJson(QString::fromStdWString(text).toUtf8()).object().value("path").toString(),
                  QStringLiteral("/qmtest/echo"));
@@ -255,7 +255,7 @@ private slots:
         const QList<QJsonObject> grants = m_server.Requests("/MemberAPI/Token");
         QCOMPARE(grants.size(), 1);
         const QJsonObject headers = grants.first().value("headers").toObject();
-        QVERIFY(headers.value("refresh_token").toString() == m_refresh);
+        QCOMPARE(headers.value("refresh_token").toString(), ServerFixture::Redacted(m_refresh));
         QCOMPARE(headers.value("machinekey").toString(), QString::fromStdWString(service.GetMachineID()));
         QCOMPARE(headers.value("machinekey_qmsecondary").toString(),
                  QString::fromStdWString(service.GetSecondaryMachineKey()));
