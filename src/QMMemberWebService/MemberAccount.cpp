@@ -1,6 +1,7 @@
 #include "QMMemberWebService.h"
 
 #include "Cipher.h"
+#include "Replies.h"
 #include "ServicePrivate.h"
 #include "../LZString/LZString.h"
 #include "../parameters/QMMemberWebServiceParameterCook.h"
@@ -113,12 +114,7 @@ std::wstring CQMMemberWebService::GetMemberIDByTokenStaicVersion()
     QString token = ReadNativeCompanyValue("QMToken");
     if (token.isEmpty())
         token = ReadNativeCompanyValue("QMBakToken");
-    const QStringList parts = token.split(QLatin1Char('.'), Qt::KeepEmptyParts);
-    if (parts.size() != 3)
-        return std::wstring();
-    const QByteArray payload = QByteArray::fromBase64(parts.at(1).toUtf8());
-    const QJsonValue id = QJsonDocument::fromJson(payload).object().value(QLatin1String("memberid"));
-    return id.isString() ? id.toString().toStdWString() : std::wstring();
+    return QMReplies::MemberIdFromToken(token);
 }
 
 bool CQMMemberWebService::IsMemberLogIn()
@@ -273,19 +269,16 @@ CQMMemberWebService::EWSResult CQMMemberWebService::RefreshMemberAPIToken(bool f
     }
     ms_bCurrentInternetConnection = true;
     reply = request->GetReturnData();
-    const QJsonDocument document = QJsonDocument::fromJson(Q(reply).toUtf8());
-    if (reply.empty() || document.isNull())
+    const QMReplies::TokenReply answer = QMReplies::ParseTokenReply(reply);
+    if (!answer.parsed)
         return WS_UNEXPECT_FAIL;
-    const QJsonObject object = document.object();
-    const QJsonValue error = object.value(QLatin1String("error"));
-    if (!error.isUndefined() && !error.isNull()) {
+    if (answer.hasError) {
         ++t_refreshDepth;
-        const EWSResult result = ProcessStatus(error.toInt(), [] { return WS_UNEXPECT_FAIL; }, true);
+        const EWSResult result = ProcessStatus(answer.error, [] { return WS_UNEXPECT_FAIL; }, true);
         --t_refreshDepth;
         return result;
     }
-    const QJsonValue access = object.value(QLatin1String("access_token"));
-    if (!access.isString())
+    if (!answer.hasAccess)
         return WS_UNEXPECT_FAIL;
     // The old refresh token is written back: the server keeps it valid. Only if it is
     // still the stored one: a sign-in or sign-out meanwhile wins over this refresh.
@@ -297,7 +290,7 @@ CQMMemberWebService::EWSResult CQMMemberWebService::RefreshMemberAPIToken(bool f
             changed = true;
             return false;
         }
-        return SaveMemberToken(access.toString().toStdWString(), refreshToken);
+        return SaveMemberToken(answer.access, refreshToken);
     });
     if (changed) {
         qCDebug(lcService) << "CQMMemberWebService::RefreshMemberAPIToken the session changed meanwhile; kept it";
@@ -467,19 +460,6 @@ void CQMMemberWebService::OnMemberUploadPolling()
 
 // --- sign-in ---------------------------------------------------------------------------------
 
-namespace {
-
-// A reply whose "result" may be LZString text is normalised to an object.
-QJsonObject ResultObject(const QJsonObject& top)
-{
-    const QJsonValue result = top.value(QLatin1String("result"));
-    if (result.isString())
-        return QJsonDocument::fromJson(LZString::decompressFromUTF16(result.toString()).toUtf8()).object();
-    return result.toObject();
-}
-
-} // namespace
-
 CQMMemberWebService::EWSResult CQMMemberWebService::MemberLogIn(const std::wstring& email,
                                                                 const std::wstring& password,
                                                                 std::wstring& credential, int timeoutMs, bool flag)
@@ -530,22 +510,20 @@ CQMMemberWebService::EWSResult CQMMemberWebService::GetAuthorizationCode(std::ws
         reply = request->GetReturnData();
         result = WS_OK;
     }
-    const QJsonDocument document = QJsonDocument::fromJson(Q(reply).toUtf8());
-    if (reply.empty() || document.isNull())
+    const QMReplies::CodeReply answer = QMReplies::ParseAuthorizationCodeReply(reply);
+    if (!answer.parsed)
         return result;
-    const QJsonObject top = document.object();
-    result = ProcessStatus(top.value(QLatin1String("apiStatus")).toInt(0), [] { return WS_UNEXPECT_FAIL; }, true);
+    result = ProcessStatus(answer.apiStatus, [] { return WS_UNEXPECT_FAIL; }, true);
     if (result != WS_OK)
         return result;
-    const QJsonObject data = ResultObject(top).value(QLatin1String("data")).toObject();
-    const int status = data.value(QLatin1String("Status")).toInt(0);
+    const int status = answer.status;
     if (status != 0) {
         qCDebug(lcService).nospace() << "CQMMemberWebService::GetAuthorizationCode Fail, LoginStatus = " << status;
         emit LoginStatus(status);
         return WS_LOGIN_STATUS_FAIL;
     }
     qCDebug(lcService) << "CQMMemberWebService::GetAuthorizationCode Success.";
-    code = data.value(QLatin1String("Code")).toString().toStdWString();
+    code = answer.code;
     return WS_OK;
 }
 
@@ -586,21 +564,14 @@ CQMMemberWebService::EWSResult CQMMemberWebService::MemberLogInBase(const std::w
     ms_bCurrentInternetConnection = true;
     reply = request->GetReturnData();
     CQMNetworkCenter::SaveProxyData(proxyAccount, proxyPassword, true);
-    const QJsonDocument document = QJsonDocument::fromJson(Q(reply).toUtf8());
+    const QMReplies::TokenReply answer = QMReplies::ParseTokenReply(reply);
 
     EWSResult result = WS_UNEXPECT_FAIL;
-    if (!reply.empty() && !document.isNull()) {
-        const QJsonObject object = document.object();
-        const QJsonValue error = object.value(QLatin1String("error"));
-        const QJsonValue access = object.value(QLatin1String("access_token"));
-        const QJsonValue refresh = object.value(QLatin1String("refresh_token"));
-        if (!error.isUndefined() && !error.isNull()) {
-            result = ProcessStatus(error.toInt(), [] { return WS_UNEXPECT_FAIL; }, true);
-        } else if (access.isString() && refresh.isString()) {
-            result = SaveMemberToken(access.toString().toStdWString(), refresh.toString().toStdWString())
-                         ? WS_OK
-                         : WS_UNEXPECT_FAIL;
-        }
+    if (answer.parsed) {
+        if (answer.hasError)
+            result = ProcessStatus(answer.error, [] { return WS_UNEXPECT_FAIL; }, true);
+        else if (answer.hasAccess && answer.hasRefresh)
+            result = SaveMemberToken(answer.access, answer.refresh) ? WS_OK : WS_UNEXPECT_FAIL;
     }
     if (result == WS_OK) {
         // The next profile and product reads must ask the server.
