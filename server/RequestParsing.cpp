@@ -1,5 +1,7 @@
 #include "RequestParsing.h"
 
+#include "../src/QMMemberWebService/SafeJson.h"
+
 #include <QCryptographicHash>
 #include <QJsonDocument>
 #include <QVariant>
@@ -89,7 +91,7 @@ QList<QByteArray> ParseBasicCredential(const std::string& authorization)
 
 QJsonObject ParseObject(const std::string& body)
 {
-    return QJsonDocument::fromJson(QByteArray::fromStdString(body)).object();
+    return QMSafeJson::ParseJson(QByteArray::fromStdString(body)).object();
 }
 
 bool IsWellFormedGuid(const QString& guid)
@@ -142,7 +144,7 @@ QString LoggedBody(const std::string& body, const std::string& contentType)
         return RedactedQuery(decoded);
     }
     QJsonParseError error{};
-    const QJsonDocument document = QJsonDocument::fromJson(QByteArray::fromStdString(body), &error);
+    const QJsonDocument document = QMSafeJson::ParseJson(QByteArray::fromStdString(body), &error);
     if (error.error != QJsonParseError::NoError || !document.isObject())
         return text;
     const QJsonObject redacted = RedactedObject(document.object());

@@ -1,5 +1,7 @@
 #include "Replies.h"
 
+#include "SafeJson.h"
+
 #include "../LZString/LZString.h"
 
 #include <QJsonDocument>
@@ -12,7 +14,7 @@ namespace {
 
 QJsonDocument Parse(const std::wstring& reply, bool& parsed)
 {
-    const QJsonDocument document = QJsonDocument::fromJson(QString::fromStdWString(reply).toUtf8());
+    const QJsonDocument document = QMSafeJson::ParseJson(QString::fromStdWString(reply).toUtf8());
     parsed = !reply.empty() && !document.isNull();
     return document;
 }
@@ -22,7 +24,7 @@ QJsonObject ResultObject(const QJsonObject& top)
 {
     const QJsonValue result = top.value(QLatin1String("result"));
     if (result.isString())
-        return QJsonDocument::fromJson(LZString::decompressFromUTF16(result.toString()).toUtf8()).object();
+        return QMSafeJson::ParseJson(LZString::decompressFromUTF16(result.toString()).toUtf8()).object();
     return result.toObject();
 }
 
@@ -65,7 +67,7 @@ std::wstring MemberIdFromToken(const QString& token)
     if (parts.size() != 3)
         return std::wstring();
     const QByteArray payload = QByteArray::fromBase64(parts.at(1).toUtf8());
-    const QJsonValue id = QJsonDocument::fromJson(payload).object().value(QLatin1String("memberid"));
+    const QJsonValue id = QMSafeJson::ParseJson(payload).object().value(QLatin1String("memberid"));
     return id.isString() ? id.toString().toStdWString() : std::wstring();
 }
 

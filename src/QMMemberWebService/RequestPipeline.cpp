@@ -1,6 +1,7 @@
 #include "QMMemberWebService.h"
 
 #include "Cipher.h"
+#include "SafeJson.h"
 #include "ServicePrivate.h"
 #include "../LZString/LZString.h"
 #include "../qmnetwork/HttpRequest.h"
@@ -301,7 +302,7 @@ CQMMemberWebService::EWSResult CQMMemberWebService::ConnectionEndProcess(std::ws
 
 QJsonObject CQMMemberWebService::JsonObjectFromString(const QString& text)
 {
-    const QJsonDocument document = QJsonDocument::fromJson(text.toUtf8());
+    const QJsonDocument document = QMSafeJson::ParseJson(text.toUtf8());
     if (document.isNull()) {
         qCDebug(lcService).noquote() << "Invalid JSON...\n" + text;
         return QJsonObject();
@@ -319,7 +320,7 @@ bool CQMMemberWebService::ParseJsonResult(const std::wstring& reply, int& apiSta
     status = -1;
     if (reply.empty())
         return false;
-    QJsonDocument parsed = QJsonDocument::fromJson(QByteArray::fromStdString(QMText::ToUtf8(reply)));
+    QJsonDocument parsed = QMSafeJson::ParseJson(QByteArray::fromStdString(QMText::ToUtf8(reply)));
     if (parsed.isNull())
         return false;
     QJsonObject top = parsed.object();

@@ -174,6 +174,9 @@ private slots:
             << QJsonObject{{"body", "{\"apiStatus\":2,\"result\":{\"status\":2,\"data\":7}}"}} << 2 << "" << false;
         QTest::newRow("malformed") << QJsonObject{{"malformed", true}} << -12 << "" << false;
         QTest::newRow("not JSON") << QJsonObject{{"body", "<html>"}} << -12 << "" << false;
+        QTest::newRow("repeated key") << QJsonObject{{"body", "{\"apiStatus\":2,\"result\":{\"status\":2,\"data\":[1],"
+                                                              "\"d\\u0061ta\":[2]}}"}}
+                                      << -12 << "" << false;
         QTest::newRow("HTTP 499") << QJsonObject{{"http", 499}} << 14 << "" << true;
         QTest::newRow("dropped") << QJsonObject{{"drop", true}} << -12 << "" << false;
     }
