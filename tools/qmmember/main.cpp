@@ -312,11 +312,19 @@ int Request(const Arguments& args, bool json, bool post)
     const QString key = args.Value(QStringLiteral("--product-key"));
     CQMMemberWebService service(key.toStdWString(), false, 10000, 0);
     std::wstring resultText;
+    // A failed exchange announces itself with ErrorNotice(-1) before extraction decides the result.
+    bool exchangeFailed = false;
+    QObject::connect(&service, QOverload<QString, CQMMemberWebService::EWSResult>::of(&CQMMemberWebService::ErrorNotice),
+                     [&exchangeFailed](QString, CQMMemberWebService::EWSResult result) {
+                         exchangeFailed = exchangeFailed || result == CQMMemberWebService::WS_UNEXPECT_FAIL;
+                     });
     const int code = service.GeneralSyncApiRequest(p.at(0).toStdWString(), args.Flag(QStringLiteral("--login")),
                                                    post ? p.at(1).toStdString() : std::string(), resultText,
                                                    timeout);
     Output out(json);
     out.Field(QStringLiteral("data"), QString::fromStdWString(resultText));
+    if (exchangeFailed && code == CQMMemberWebService::WS_PARSE_CONTENT_FAIL)
+        out.Field(QStringLiteral("hint"), Hint(CQMMemberWebService::WS_CONNECTION_FAILED));
     return Report(out, service, code);
 }
 

@@ -59,6 +59,8 @@ public:
     QList<QJsonObject> Requests(const QString& path) const;
 
     static QString ServerBinary();
+    /// A token as the server's request log shows it: "[redacted " + a short fingerprint + "]".
+    static QString Redacted(const QString& token);
 
 private:
     std::unique_ptr<QTemporaryDir> m_state;
