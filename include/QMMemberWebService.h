@@ -213,6 +213,11 @@ signals:
     void GetTokenFailed();
     void ServerBusy();
     void FinishRequest(const std::wstring& strService, const std::wstring& strReturnData, int nNetWorkError);
+    /// During a browser sign-in: a poll that got no answer from the server. \a netError and
+    /// \a text are what GetLastTransportError() and its text said on the polling thread;
+    /// \a failuresInRow counts such polls since the last answered one. Polling goes on; the host
+    /// may stop it with OnMemberLogInStop(). Comes in the thread of the object that started it.
+    void LoginPollFailed(unsigned int netError, QString text, int failuresInRow);
 
 public slots:
     void OnMemberLogInStop();
