@@ -124,15 +124,51 @@ int LoginInBrowser(Context& c)
 
     QElapsedTimer waited;
     waited.start();
-    QObject::connect(&tick, &QTimer::timeout, &tick, [&waited] {
+    QString trouble; // why the last polls failed, shown on the progress line
+    QElapsedTimer sinceTrouble;
+    QObject::connect(&tick, &QTimer::timeout, &tick, [&waited, &trouble, &sinceTrouble] {
         static const char* const frames[] = {"|", "/", "-", "\\"};
         static int frame = 0;
-        std::fprintf(stderr, "\r%s waiting for the sign-in in the browser... %llds (Ctrl-C stops)",
-                     frames[frame++ % 4], static_cast<long long>(waited.elapsed() / 1000));
+        const QString line = QStringLiteral("\r\033[K%1 waiting for the sign-in in the browser... %2s%3 (Ctrl-C stops)")
+                                 .arg(QLatin1String(frames[frame++ % 4]))
+                                 .arg(waited.elapsed() / 1000)
+                                 .arg(trouble.isEmpty() ? QString()
+                                                        : QStringLiteral(" - %1, %2s ago")
+                                                              .arg(trouble)
+                                                              .arg(sinceTrouble.elapsed() / 1000));
+        std::fputs(line.toUtf8().constData(), stderr);
         std::fflush(stderr);
     });
     if (spinner)
         tick.start(100);
+
+    // Polls that cannot reach the server show on the progress line; a run of them ends the wait.
+    QObject::connect(&service, &CQMMemberWebService::LoginPollFailed, &service,
+                     [&](unsigned int netError, const QString& text, int failuresInRow) {
+                         const Failure failure =
+                             c.ServiceFailure(CQMMemberWebService::WS_CONNECTION_FAILED, netError, text);
+                         sinceTrouble.start();
+                         trouble = QStringLiteral("%1 poll(s) in a row failed: %2")
+                                       .arg(failuresInRow)
+                                       .arg(failure.words.isEmpty() ? text : failure.words);
+                         c.Event({{QStringLiteral("event"), QStringLiteral("poll_failed")},
+                                  {QStringLiteral("cause"), failure.cause},
+                                  {QStringLiteral("net_error"), static_cast<qint64>(netError)},
+                                  {QStringLiteral("detail"), text},
+                                  {QStringLiteral("failures_in_row"), failuresInRow}},
+                                 spinner ? QString() : QStringLiteral("qmmember login: ") + trouble);
+                         if (failuresInRow < kMaxFailedPolls)
+                             return;
+                         tick.stop();
+                         clearSpinner();
+                         service.OnMemberLogInStop();
+                         Failure last = failure;
+                         last.hint = QStringLiteral("gave up after %1 polls in a row could not reach the server; %2")
+                                         .arg(failuresInRow)
+                                         .arg(failure.hint);
+                         exitCode = c.Fail(last);
+                         QCoreApplication::exit(exitCode);
+                     });
 
     QObject::connect(&service, &CQMMemberWebService::LoginResult, &service,
                      [&](CQMMemberWebService::EWSResult result, const std::wstring&) {
@@ -145,6 +181,7 @@ int LoginInBrowser(Context& c)
                          } else if (result == CQMMemberWebService::WS_CONNECTION_TIMEOUT) {
                              Failure failure = c.ServiceFailure(result);
                              failure.cause = QStringLiteral("timed_out");
+                             failure.words = QStringLiteral("nobody signed in in time");
                              failure.hint = QStringLiteral("nobody signed in within --timeout (%1 s)")
                                                 .arg(c.SecondsUsed());
                              exitCode = c.Fail(failure);

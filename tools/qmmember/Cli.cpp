@@ -342,18 +342,24 @@ int Context::Usage(const QString& text)
 
 Failure Context::ServiceFailure(int result)
 {
+    return ServiceFailure(result, CQMMemberWebService::GetLastTransportError(),
+                          QString::fromStdWString(CQMMemberWebService::GetLastTransportErrorText()));
+}
+
+Failure Context::ServiceFailure(int result, unsigned int net, const QString& detail)
+{
     Failure failure = ResultFailure(result);
     failure.result = result;
     failure.text = QString::fromStdWString(Service().GetErrorCodeString(result));
-    const unsigned int net = CQMMemberWebService::GetLastTransportError();
     if (net == 0)
         return failure;
     failure.netError = net;
-    failure.detail = QString::fromStdWString(CQMMemberWebService::GetLastTransportErrorText());
+    failure.detail = detail;
     const QString apiHost = Host(Service().GetApiHost());
     for (const TransportCause& known : kTransportCauses) {
         if (known.number == net) {
             failure.cause = QLatin1String(known.cause);
+            failure.words = QLatin1String(known.words);
             failure.hint = TransportHint(failure.cause, apiHost, m_seconds);
             if (failure.hint.isEmpty())
                 failure.hint = QLatin1String(known.words);
@@ -362,6 +368,7 @@ Failure Context::ServiceFailure(int result)
     }
     if (net < 1000) {
         failure.cause = QStringLiteral("http_status");
+        failure.words = QStringLiteral("the server answered HTTP %1").arg(net);
         failure.hint = QStringLiteral("the server answered HTTP %1: is %2 the member API, and the path right?")
                            .arg(net)
                            .arg(apiHost);
@@ -411,13 +418,17 @@ void Context::Print(int exitCode)
     if (!m_failure)
         return;
     // People read the failure on standard error, with --json too.
-    QString message = m_failure->text;
-    if (!m_failure->result.isNull() && !m_failure->result.isUndefined())
-        message += QStringLiteral(" (result %1)").arg(m_failure->result.toInt());
+    const bool hasResult = !m_failure->result.isNull() && !m_failure->result.isUndefined();
+    QString message = m_failure->words.isEmpty() ? m_failure->text : m_failure->words;
     if (m_failure->netError != 0)
-        message += QStringLiteral(": transport error %1%2")
+        message += QStringLiteral(" (transport error %1%2)")
                        .arg(m_failure->netError)
-                       .arg(m_failure->detail.isEmpty() ? QString() : QStringLiteral(", ") + m_failure->detail);
+                       .arg(m_failure->detail.isEmpty() ? QString() : QStringLiteral(": ") + m_failure->detail);
+    if (hasResult)
+        message += m_failure->words.isEmpty() ? QStringLiteral(" (result %1)").arg(m_failure->result.toInt())
+                                              : QStringLiteral("; result %1, %2")
+                                                    .arg(m_failure->result.toInt())
+                                                    .arg(m_failure->text);
     QString text = QStringLiteral("qmmember %1: %2\n").arg(m_command.name, message);
     if (!m_failure->hint.isEmpty())
         text += QStringLiteral("hint: %1\n").arg(m_failure->hint);

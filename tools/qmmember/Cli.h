@@ -108,6 +108,7 @@ struct Failure {
     QJsonValue result;  // the service result, or null when no service call failed
     unsigned int netError = 0;
     QString detail;     // the transport's own words
+    QString words;      // the cause in words, when the text does not say it
 };
 
 class Context
@@ -142,6 +143,8 @@ public:
     int Usage(const QString& text);
     /// The failure a service result stands for, its cause read from the last transport error.
     Failure ServiceFailure(int result);
+    /// The same, with the transport error given (one seen on another thread).
+    Failure ServiceFailure(int result, unsigned int netError, const QString& detail);
 
     /// Prints what the command left: called once, by main, after run().
     void Print(int exitCode);
