@@ -1,6 +1,7 @@
 #include "MemberServer.h"
 
 #include "Certificates.h"
+#include "ConsoleLog.h"
 #include "LZStringEncoder.h"
 
 #include <QJsonArray>
@@ -179,6 +180,11 @@ bool MemberServer::Start(std::string& error)
         if (request.path.rfind("/admin/", 0) != 0 && request.path != "/qmtest/ping" && !response.has_header("X-QM-Fault"))
             LogRequest(request);
     });
+    if (m_options.logRequests) {
+        m_server->set_logger([](const Request& request, const Response& response) {
+            std::fprintf(stderr, "%s\n", ConsoleLogLine(request, response).c_str());
+        });
+    }
     AddRoutes();
     for (auto& area : m_areas)
         area->AddRoutes(*m_server, m_options.admin);
