@@ -1,5 +1,6 @@
-// Diagnostics: info, get, post.
+// Diagnostics: info, get, post, doctor.
 #include "Cli.h"
+#include "Doctor.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -102,7 +103,18 @@ QList<Command> DiagnosticsCommands()
     post.run = [](Context& c) { return Request(c, true); };
     post.minArgs = post.maxArgs = 2;
 
-    return {info, get, post};
+    Command doctor;
+    doctor.name = QStringLiteral("doctor");
+    doctor.synopsis = QStringLiteral("[--timeout SECONDS] [--product-key KEY]");
+    doctor.summary = QStringLiteral("check hosts, network, TLS trust, clock, proxy, store and cache; paste-able report");
+    doctor.help = QStringLiteral(
+        "Each check says ok, warn or fail, with one line of advice. The report holds no token, password\n"
+        "or secret: it names hosts, paths, times and certificates, and whether tokens are present.\n"
+        "Exits 1 when a check failed. --timeout bounds each network check (default 10 s).");
+    doctor.options = {TimeoutOption(10), ProductKeyOption()};
+    doctor.run = Doctor;
+
+    return {info, get, post, doctor};
 }
 
 } // namespace Cli
