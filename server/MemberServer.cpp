@@ -7,6 +7,7 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QDateTime>
+#include <QLocale>
 #include <QRandomGenerator>
 #include <QRegularExpression>
 #include <QUrlQuery>
@@ -177,6 +178,10 @@ bool MemberServer::Start(std::string& error)
     m_server->set_pre_routing_handler(
         [this](const Request& request, Response& response) { return PreRoute(request, response); });
     m_server->set_post_routing_handler([this](const Request& request, Response& response) {
+        // Clients compare their clock with it (qmmember doctor).
+        response.set_header("Date", QLocale::c()
+                                        .toString(QDateTime::currentDateTimeUtc(), QStringLiteral("ddd, dd MMM yyyy HH:mm:ss 'GMT'"))
+                                        .toStdString());
         if (request.path.rfind("/admin/", 0) != 0 && request.path != "/qmtest/ping" && !response.has_header("X-QM-Fault"))
             LogRequest(request);
     });
