@@ -200,6 +200,20 @@ public:
     using LoginPollFailedCallback = std::function<void(unsigned int netError, const std::wstring& text, int failuresInRow)>;
     void SetLoginPollFailedCallback(LoginPollFailedCallback callback) { m_fnLoginPollFailed = std::move(callback); }
 
+    // --- host tools: cache files, store location, compressed replies ----------------------
+    /// Where the per-user store keeps its files: $QM_REGISTRY_DIR, else the user's configuration
+    /// folder. Empty on Windows, where the store is the registry.
+    static QString GetStoreFolderPath();
+    /// Reads the cache file \a fileName, a plain file name in GetCacheFolderPath(): false when it
+    /// does not exist or the name has a folder part; else its deciphered \a text, and whether it
+    /// is \a expired (written on an earlier calendar day).
+    static bool ReadCacheFile(const QString& fileName, QString& text, bool& expired);
+    /// Deletes the cache file \a fileName (a plain file name); true when it is gone.
+    static bool DeleteCacheFile(const QString& fileName);
+    /// Decodes lz-string's UTF-16 form, which compressed replies carry: a null text for a corrupt
+    /// stream, an empty one for a stream that ends before its end marker.
+    static QString DecompressReplyText(const QString& compressed);
+
     // --- launcher services ------------------------------------------------------------
 
     // --- content manager ----------------------------------------------------------------
