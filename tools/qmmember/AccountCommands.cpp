@@ -13,7 +13,6 @@
 #include <QJsonDocument>
 #include <QProcess>
 #include <QStandardPaths>
-#include <QTextStream>
 #include <QTimer>
 
 #include <cstdio>
@@ -51,8 +50,7 @@ QString MemberIdOf(const QString& token)
 bool ReadPassword(Context& c, QString& password)
 {
     if (c.Has(QStringLiteral("password-stdin"))) {
-        QTextStream in(stdin);
-        password = in.readLine();
+        password = Terminal::ReadLine();
         return true;
     }
     if (!Terminal::InputIsTerminal()) {

@@ -5,7 +5,6 @@
 #include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
-#include <QTextStream>
 
 #include <cmath>
 #include <cstdio>

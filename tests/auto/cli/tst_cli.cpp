@@ -246,6 +246,10 @@ private slots:
             everything += ran.out + ran.err;
             return ran;
         };
+        QTemporaryDir early;
+        const Ran none = run({"token", "export", early.path()});
+        QCOMPARE(none.code, 0);
+        QVERIFY2(none.err.contains("no backup token"), none.err);
         QCOMPARE(run({"login", "--email", kEmail, "--password-stdin"}, "\n").code, 2); // empty: refused
         QVERIFY(m_server.Requests("/MemberAPI/Token").isEmpty());
         QCOMPARE(run({"login", "--email", kEmail, "--password-stdin"}, kPassword.toUtf8() + "\n").code, 0);
