@@ -91,7 +91,7 @@ Probe Look(const QString& host, const QString& caFile, bool verify, int timeoutM
     if (curl_easy_getinfo(easy, CURLINFO_NAMELOOKUP_TIME_T, &lookup) == CURLE_OK && lookup > 0)
         probe.resolveMs = lookup / 1000.0;
     if (curl_easy_getinfo(easy, CURLINFO_CONNECT_TIME_T, &connect) == CURLE_OK && connect > 0)
-        probe.connectMs = (connect - lookup) / 1000.0;
+        probe.connectMs = connect / 1000.0; // from the start, the name lookup included
     char* ip = nullptr;
     if (curl_easy_getinfo(easy, CURLINFO_PRIMARY_IP, &ip) == CURLE_OK && ip)
         probe.address = QString::fromLatin1(ip);
@@ -196,7 +196,7 @@ QList<Check> NetworkChecks(const QString& host, int timeoutMs)
                              .arg(host);
         return checks << connect;
     }
-    connect.detail = QStringLiteral("TCP connect in %1").arg(Ms(qMax(0.0, system.connectMs)));
+    connect.detail = QStringLiteral("TCP connected %1 after the start").arg(Ms(qMax(0.0, system.connectMs)));
     if (system.connectMs > 1000) {
         connect.status = QStringLiteral("warn");
         connect.advice = QStringLiteral("a slow network path: requests will be slow too");
