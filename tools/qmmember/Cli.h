@@ -18,8 +18,11 @@
 //   c.Fail(cause, text, hint) for a failure of the command's own, c.Usage(text) for bad
 //   arguments. A streaming command (streams = true) reports progress with c.Event(): one JSON
 //   object per line with --json.
+//   c.Out().Body(name, text) makes one field the whole human output (a decoded text, a file).
 // - Exit codes: 0 success, 1 failure, 2 usage error, 130 interrupted (ExitCode).
 // - Never print a token, a password or a secret: c.Out() and c.Event() print what they are given.
+// - qmmember uses the library's public interface only (it links QMMemberWebService, not the
+//   internals): where a command needs more, the library gains a documented public call.
 
 #include "QMMemberWebService.h"
 
