@@ -6,7 +6,8 @@
 // - A Command names itself ("products", or "plugin install" for a verb of a group), gives its
 //   synopsis (the words after the name; one line per form), a one-line summary, a longer help
 //   text, its QCommandLineOptions (TimeoutOption(), ProductKeyOption() for the shared ones), how
-//   many positional arguments it takes and whether it writes the per-user store. Parsing,
+//   many positional arguments it takes and whether it writes the per-user store (option names
+//   other than the global json, verbose, help, h and version). Parsing,
 //   --help, unknown options and argument counts are handled before run() is called.
 // - run(Context& c): c.Arg(i), c.Has("force"), c.Value("since"), c.Seconds("timeout", 30, ms)
 //   (a time limit in seconds, validated); c.Service() is the CQMMemberWebService object for
