@@ -225,6 +225,8 @@ int main(int argc, char** argv)
         }
     }
     if (at >= args.size()) {
+        if (json)
+            return EarlyUsage(json, QStringLiteral("no command"));
         Write(stderr, MainHelp(table));
         return Cli::kExitUsage;
     }
