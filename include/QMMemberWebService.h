@@ -257,6 +257,38 @@ public:
     /// The text of a URL-scheme token; empty when the token is not valid.
     static QString DecryptUrlScheme(const QString& token);
 
+    // --- transport diagnostics ----------------------------------------------------------
+    /// Why the last exchange that finished in the calling thread failed, for hosts that show
+    /// the cause of a failed call: 0 when it succeeded (or none ran yet), the HTTP status when
+    /// the server answered with a non-2xx status, else the transport's number (WinINet
+    /// numbering: 12002 time-out, 12007 host not resolved, 12029 connection refused, 12030
+    /// connection dropped, 12045 certificate not trusted, 12157 TLS failure, 12004 other).
+    /// Asynchronous calls record it in the thread that owns their request.
+    static unsigned int GetLastTransportError();
+    /// The words for GetLastTransportError(): libcurl's text ("SSL certificate problem: unable to
+    /// get local issuer certificate"), or "HTTP 503"; empty after success. Holds no secret.
+    static std::wstring GetLastTransportErrorText();
+    /// Called during a browser sign-in, on the polling thread, for each poll that got no answer
+    /// from the server: \a netError and \a text as GetLastTransportError() and its text give
+    /// them, \a failuresInRow the polls without an answer since the last answered one. Polling
+    /// goes on; the host may stop it with OnMemberLogInStop(). Set it before MemberLogInPollingAsync.
+    using LoginPollFailedCallback = std::function<void(unsigned int netError, const std::wstring& text, int failuresInRow)>;
+    void SetLoginPollFailedCallback(LoginPollFailedCallback callback) { m_fnLoginPollFailed = std::move(callback); }
+
+    // --- host tools: cache files, store location, compressed replies ----------------------
+    /// Where the per-user store keeps its files: $QM_REGISTRY_DIR, else the user's configuration
+    /// folder. Empty on Windows, where the store is the registry.
+    static QString GetStoreFolderPath();
+    /// Reads the cache file \a fileName, a plain file name in GetCacheFolderPath(): false when it
+    /// does not exist or the name has a folder part; else its deciphered \a text, and whether it
+    /// is \a expired (written on an earlier calendar day).
+    static bool ReadCacheFile(const QString& fileName, QString& text, bool& expired);
+    /// Deletes the cache file \a fileName (a plain file name); true when it is gone.
+    static bool DeleteCacheFile(const QString& fileName);
+    /// Decodes lz-string's UTF-16 form, which compressed replies carry: a null text for a corrupt
+    /// stream, an empty one for a stream that ends before its end marker.
+    static QString DecompressReplyText(const QString& compressed);
+
     // --- launcher services ------------------------------------------------------------
 
     // --- content manager ----------------------------------------------------------------
@@ -353,6 +385,9 @@ private:
     static QString ConvertProudctIDListToString(ProductIDList list);
     static ProductIDList ConvertStringToProudctIDList(QString text);
     static bool IsCacheInstalledProductModified(ProductIDList& installed);
+
+    // Transport diagnostics (private).
+    LoginPollFailedCallback m_fnLoginPollFailed;
 
     // Launcher services (private).
 

@@ -1,6 +1,7 @@
 #include "MemberServer.h"
 
 #include "Certificates.h"
+#include "ConsoleLog.h"
 #include "LZStringEncoder.h"
 #include "RequestParsing.h"
 
@@ -8,6 +9,7 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QDateTime>
+#include <QLocale>
 #include <QRandomGenerator>
 
 #include <openssl/pem.h>
@@ -329,15 +331,23 @@ bool MemberServer::Start(std::string& error)
     m_server->set_pre_routing_handler(
         [this](const Request& request, Response& response) { return PreRoute(request, response); });
     m_server->set_post_routing_handler([this](const Request& request, Response& response) {
+        // Clients compare their clock with it (qmmember doctor).
+        response.set_header("Date", QLocale::c()
+                                        .toString(QDateTime::currentDateTimeUtc(), QStringLiteral("ddd, dd MMM yyyy HH:mm:ss 'GMT'"))
+                                        .toStdString());
         if (request.path.rfind("/admin/", 0) != 0 && request.path != "/qmtest/ping" && !response.has_header("X-QM-Fault"))
             LogRequest(request);
     });
-    // After each answer the connection's next request head starts a new budget.
-    m_server->set_logger([this](const Request& request, const Response&) {
+    // After each answer the connection's next request head starts a new budget; with
+    // --log-requests each answer also gets its line (secrets redacted).
+    const bool logRequests = m_options.logRequests;
+    m_server->set_logger([this, logRequests](const Request& request, const Response& response) {
         if (HeadBudget* budget = Budget(request.ssl, m_budgetIndex)) {
             budget->bytes = 0;
             budget->reading = true;
         }
+        if (logRequests)
+            std::fprintf(stderr, "%s\n", ConsoleLogLine(request, response).c_str());
     });
     AddRoutes();
     for (auto& area : m_areas)

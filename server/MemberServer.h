@@ -23,6 +23,7 @@ struct ServerOptions {
     int tokenTtlSeconds = 3600;
     int signInTtlSeconds = 15 * 60; // lifetime of a browser sign-in link
     std::vector<std::string> seeds; // each --seed, in order
+    bool logRequests = false;       // one line per request on standard error
 };
 
 class MemberServer;

@@ -323,6 +323,7 @@ void CQMMemberWebService::MemberLogInPollingAsync(const std::wstring& guid, int 
     inner->m_nLoginTimeLimitMs = timeLimitMs;
     inner->m_nLoginPollIntervalMs = pollIntervalMs;
     inner->m_bLoginRequestFlag = flag;
+    inner->m_fnLoginPollFailed = m_fnLoginPollFailed;
 
     auto* thread = new QThread;
     inner->moveToThread(thread);
@@ -369,8 +370,14 @@ void CQMMemberWebService::OnMemberLogInPolling()
     StartLoginTimer(m_nLoginTimeLimitMs);
     m_bLoginPolling = true;
     std::wstring code;
+    int failuresInRow = 0;
     do {
         const EWSResult result = GetAuthorizationCode(m_strPollingGuid, code, 30000);
+        // The host hears of polls that do not reach the server, so that it can tell and give up.
+        const unsigned int netError = GetLastTransportError();
+        failuresInRow = netError ? failuresInRow + 1 : 0;
+        if (netError && m_fnLoginPollFailed)
+            m_fnLoginPollFailed(netError, GetLastTransportErrorText(), failuresInRow);
         if (result == WS_LOGIN_STATUS_FAIL) {
             m_bLoginPolling = false; // LoginStatus has told the host
             break;
