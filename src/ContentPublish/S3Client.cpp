@@ -316,8 +316,11 @@ S3Reply S3Client::Abort(const std::string& key, const std::string& uploadId) con
 
 S3Reply S3Client::ListUploads(const std::string& key, std::vector<std::string>& uploadIds) const
 {
-    // The prefix is the key itself: safe characters only, no encoding needed.
-    S3Reply reply = Request("GET", std::string(), "prefix=" + key + "&uploads=", nullptr, 0, false);
+    // Keys hold safe characters and slashes only; a slash in a query value is encoded.
+    std::string prefix;
+    for (char ch : key)
+        prefix += ch == '/' ? std::string("%2F") : std::string(1, ch);
+    S3Reply reply = Request("GET", std::string(), "prefix=" + prefix + "&uploads=", nullptr, 0, false);
     uploadIds.clear();
     for (const std::string& upload : XmlValues(reply.body, "Upload")) {
         const auto keyValue = XmlValues(upload, "Key");
