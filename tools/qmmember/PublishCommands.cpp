@@ -100,7 +100,9 @@ int Publish(Context& c)
     QObject::connect(&job, &CQMContentPublishJob::phaseChanged, &loop, [&](int phase) {
         c.Event({{QStringLiteral("event"), QStringLiteral("phase")},
                  {QStringLiteral("phase"), QLatin1String(kPhaseNames[phase])}},
-                bar ? QString() : QStringLiteral("%1...").arg(QLatin1String(kPhaseNames[phase])));
+                bar || phase == CQMContentPublishJob::PhaseDone
+                    ? QString()
+                    : QStringLiteral("%1...").arg(QLatin1String(kPhaseNames[phase])));
     });
     QObject::connect(&job, &CQMContentPublishJob::partSent, &loop, [&](int number, int count) {
         c.Event({{QStringLiteral("event"), QStringLiteral("part")},
