@@ -117,7 +117,7 @@ private:
     std::atomic<int> m_partsFound{0};
     std::atomic<long long> m_done{0};
     qint64 m_total = 0;
-    qint64 m_base = 0; // bytes of the phase done before this job
+    std::atomic<long long> m_base{0}; // bytes of the phase done before this job (parts found on the storage)
     bool m_finished = false;
     int m_phase = PhaseHash;
     qint64 m_phaseStart = 0;
