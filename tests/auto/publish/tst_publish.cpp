@@ -14,6 +14,8 @@
 
 #include <memory>
 
+#include <csignal>
+
 namespace {
 
 const std::wstring kProductKey = L"SOFTWARE\\Quillmarsh\\Publish Test";
@@ -167,20 +169,49 @@ private slots:
         QVERIFY(m_service);
     }
 
-    // Cancelled after its first part: the upload is aborted on the storage, no journal stays,
-    // and the service never hears of the pack.
+    // Cancelled after its first part, by kill() or by Ctrl-C to qmmember (exit 130): the upload is
+    // aborted on the storage, no journal stays, and the service never hears of the pack.
+    void cancelLeavesNothing_data()
+    {
+        QTest::addColumn<bool>("cli");
+        QTest::newRow("kill()") << false;
+        QTest::newRow("Ctrl-C") << true;
+    }
     void cancelLeavesNothing()
     {
-        const QString path = Pack("cancel.pack", 24 * kMiB);
-        Job job(m_service.get(), Options(path));
-        connect(&job, &Job::partSent, &job, &Job::kill);
+        QFETCH(bool, cli);
+        const QString path = Pack(cli ? "interrupt.pack" : "cancel.pack", 24 * kMiB);
         const int metadataPosts = m_server.Requests("/ContentManager/v1/Upload/UploadMetaData").size();
-        QCOMPARE(Run(job), int(Job::Cancelled));
-        QVERIFY(!job.ObjectKey().isEmpty());
+        QString key;
+        if (cli) {
+            ServerProcess process;
+            QByteArray last;
+            connect(&process, &QProcess::readyReadStandardOutput, &process, [&] {
+                while (process.canReadLine()) {
+                    last = process.readLine();
+                    if (last.contains("\"event\":\"part\""))
+                        ::kill(pid_t(process.processId()), SIGINT);
+                }
+            });
+            QSignalSpy ended(&process, QOverload<int, QProcess::ExitStatus>::of(&QProcess::finished));
+            process.start(QStringLiteral(QM_CLI_BINARY),
+                          {"--json", "publish", path, "--product", "PublishTest", "--version", "1", "--product-key",
+                           QString::fromStdWString(kProductKey)});
+            QVERIFY(ended.wait(120000 * kSanitizerSlowdown));
+            QCOMPARE(process.exitStatus(), QProcess::NormalExit);
+            QCOMPARE(process.exitCode(), 130);
+            key = QJsonDocument::fromJson(last).object().value("key").toString();
+        } else {
+            Job job(m_service.get(), Options(path));
+            connect(&job, &Job::partSent, &job, &Job::kill);
+            QCOMPARE(Run(job), int(Job::Cancelled));
+            key = job.ObjectKey();
+        }
+        QVERIFY(!key.isEmpty());
         std::atomic<bool> stop{false};
         std::atomic<long long> sent{0};
         std::vector<std::string> open;
-        const QMPublish::S3Reply listing = Storage(stop, sent).ListUploads(job.ObjectKey().toStdString(), open);
+        const QMPublish::S3Reply listing = Storage(stop, sent).ListUploads(key.toStdString(), open);
         QCOMPARE(listing.status, 200L);
         QVERIFY2(open.empty(), listing.body.c_str());
         QVERIFY(!QFile::exists(Job::JournalPath(path)));
