@@ -1,6 +1,7 @@
 #include "QMMemberWebService.h"
 
 #include "Cipher.h"
+#include "SafeJson.h"
 #include "ServicePrivate.h"
 #include "../LZString/LZString.h"
 #include "../qmnetwork/HttpRequest.h"
@@ -198,6 +199,8 @@ CQMMemberWebService::EWSResult CQMMemberWebService::DoApiRequest(std::wstring pa
                             : request->PostSync(host.c_str(), path.c_str(), body.c_str(), reply, replyHeaders,
                                                 static_cast<unsigned int>(timeoutMs), true, contentType, nullptr,
                                                 false);
+        // A failed exchange still goes through extraction: what was received decides
+        // (an empty reply is -12), after ErrorNotice(kGuid, -1) from here.
         const QPointer<CQMMemberWebService> self(this);
         const EWSResult connection = ConnectionEndProcess(proxyAccount, proxyPassword, true, ok, kGuid);
         if (!self)
@@ -205,12 +208,10 @@ CQMMemberWebService::EWSResult CQMMemberWebService::DoApiRequest(std::wstring pa
         reply = request->GetReturnData();
         applyReplyKey(reply);
         std::wstring resultText;
+        const CQMSentToken sent(accessToken);
         EWSResult result = ExtractApiResult(path, body, timeoutMs, needLogin, sync, reply, resultText, kGuid);
         if (!self)
             return result;
-        // An exchange that never completed has nothing to extract: report the connection.
-        if (!ok)
-            result = connection;
         if (request->GetNetLastError() == 499)
             result = WS_SERVER_BUSY;
         emit FinishApiRequest(resultText, result == WS_SERVER_BUSY, kGuid);
@@ -236,7 +237,7 @@ CQMMemberWebService::EWSResult CQMMemberWebService::DoApiRequest(std::wstring pa
     connections->first = connect(
         request, &CHttpRequest::FinishedAsync, this,
         [this, request, path, body, timeoutMs, needLogin, sync, kGuid, replyKey, guard, disconnectBoth,
-         applyReplyKey](std::wstring) mutable {
+         applyReplyKey, accessToken](std::wstring) mutable {
             disconnectBoth();
             const QPointer<CQMMemberWebService> self(this);
             ConnectionEndProcess(request->GetProxyAccount(), request->GetProxyPW(), true,
@@ -246,7 +247,11 @@ CQMMemberWebService::EWSResult CQMMemberWebService::DoApiRequest(std::wstring pa
             std::wstring reply = request->GetReturnData();
             applyReplyKey(reply);
             std::wstring resultText;
-            EWSResult result = ExtractApiResult(path, body, timeoutMs, needLogin, sync, reply, resultText, kGuid);
+            EWSResult result = WS_OK;
+            {
+                const CQMSentToken sent(accessToken);
+                result = ExtractApiResult(path, body, timeoutMs, needLogin, sync, reply, resultText, kGuid);
+            }
             if (!self)
                 return;
             if (request->GetNetLastError() == 499)
@@ -337,7 +342,7 @@ CQMMemberWebService::EWSResult CQMMemberWebService::ConnectionEndProcess(std::ws
 
 QJsonObject CQMMemberWebService::JsonObjectFromString(const QString& text)
 {
-    const QJsonDocument document = QJsonDocument::fromJson(text.toUtf8());
+    const QJsonDocument document = QMSafeJson::ParseJson(text.toUtf8());
     if (document.isNull()) {
         qCDebug(lcService).noquote() << "Invalid JSON...\n" + text;
         return QJsonObject();
@@ -355,7 +360,7 @@ bool CQMMemberWebService::ParseJsonResult(const std::wstring& reply, int& apiSta
     status = -1;
     if (reply.empty())
         return false;
-    QJsonDocument parsed = QJsonDocument::fromJson(QByteArray::fromStdString(QMText::ToUtf8(reply)));
+    QJsonDocument parsed = QMSafeJson::ParseJson(QByteArray::fromStdString(QMText::ToUtf8(reply)));
     if (parsed.isNull())
         return false;
     QJsonObject top = parsed.object();
@@ -469,9 +474,9 @@ bool CQMMemberWebService::FindQDomElement(QDomDocument& document, QString tagNam
 
 // --- connectivity ----------------------------------------------------------------------
 
-bool CQMMemberWebService::CheckInternetConnection(int timeoutMs, bool arg2, bool arg3)
+bool CQMMemberWebService::CheckInternetConnection(int timeoutMs, bool useProxy, bool reserved)
 {
-    const bool active = CQMNetworkCenter::IsInternetConnectionActive(timeoutMs, arg2, arg3);
+    const bool active = CQMNetworkCenter::IsInternetConnectionActive(timeoutMs, useProxy, reserved);
     ms_bInternetConnection = active;
     ms_bCurrentInternetConnection = active;
     return active;

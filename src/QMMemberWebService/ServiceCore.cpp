@@ -13,7 +13,8 @@
 
 #include <stdexcept>
 
-Q_LOGGING_CATEGORY(lcService, "qm.service")
+// Warnings and above unless the host turns more on, e.g. QT_LOGGING_RULES="qm.*.debug=true".
+Q_LOGGING_CATEGORY(lcService, "qm.service", QtWarningMsg)
 
 using namespace QMService;
 
@@ -286,12 +287,16 @@ CQMMemberWebService* CQMMemberWebService::InnerMemberService()
 {
     if (!m_bAsyncLogin)
         return nullptr;
-    if (m_pInnerService)
-        return m_pInnerService;
-    auto* inner = new CQMMemberWebService(m_strProductKeyPath, m_bStoreBuild, 10000, 0);
-    m_pInnerService = inner;
     if (!m_pWorkerLink)
         m_pWorkerLink = std::make_shared<CQMWorkerLink>(this);
+    // The link, not the guarded pointer, says whether it exists: an inner service
+    // ending in its own thread leaves the link before its guarded pointers clear.
+    CQMMemberWebService* existing = nullptr;
+    m_pWorkerLink->WithInner([&existing](CQMMemberWebService* inner) { existing = inner; });
+    if (existing)
+        return existing;
+    auto* inner = new CQMMemberWebService(m_strProductKeyPath, m_bStoreBuild, 10000, 0);
+    m_pInnerService = inner;
     m_pWorkerLink->SetInner(inner);
     inner->m_pOwnerLink = m_pWorkerLink;
     connect(inner, &QObject::destroyed, this, [this] { OnInnerServiceDestroyed(); });

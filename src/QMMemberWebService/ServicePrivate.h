@@ -39,6 +39,23 @@ private:
     QPointer<CHttpRequest> m_request;
 };
 
+// Marks, for the reading of one reply on this thread, the access token its request
+// sent. A refresh started by that reply compares it with the token stored once it
+// holds the refresh lock: when another process refreshed meanwhile it sends nothing.
+class CQMSentToken
+{
+public:
+    explicit CQMSentToken(const std::wstring& accessToken);
+    ~CQMSentToken();
+    CQMSentToken(const CQMSentToken&) = delete;
+    CQMSentToken& operator=(const CQMSentToken&) = delete;
+    /// The innermost marked token of this thread; empty when none.
+    static std::wstring Current();
+
+private:
+    std::wstring m_previous;
+};
+
 namespace QMService {
 
 // Disposes of a request in the calling thread when it lives there, else in its own.

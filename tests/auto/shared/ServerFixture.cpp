@@ -2,6 +2,7 @@
 
 #include <curl/curl.h>
 
+#include <QCryptographicHash>
 #include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -52,6 +53,12 @@ ServerFixture::~ServerFixture()
 QString ServerFixture::ServerBinary()
 {
     return QStringLiteral(QM_SERVER_BINARY);
+}
+
+QString ServerFixture::Redacted(const QString& token)
+{
+    return QStringLiteral("[redacted %1]")
+        .arg(QString::fromLatin1(QCryptographicHash::hash(token.toUtf8(), QCryptographicHash::Sha256).toHex().left(12)));
 }
 
 bool ServerFixture::Start(const QStringList& extraArguments)

@@ -8,6 +8,15 @@
 
 #include <memory>
 
+// How many times slower an instrumented build runs: short time limits of tests scale with it.
+#if defined(__SANITIZE_THREAD__)
+constexpr int kSanitizerSlowdown = 10;
+#elif defined(__SANITIZE_ADDRESS__)
+constexpr int kSanitizerSlowdown = 5;
+#else
+constexpr int kSanitizerSlowdown = 1;
+#endif
+
 // A child process that dies with the test, even when the test aborts: the child
 // asks the kernel for SIGKILL when its parent goes.
 class ServerProcess : public QProcess
@@ -50,6 +59,8 @@ public:
     QList<QJsonObject> Requests(const QString& path) const;
 
     static QString ServerBinary();
+    /// A token as the server's request log shows it: "[redacted " + a short fingerprint + "]".
+    static QString Redacted(const QString& token);
 
 private:
     std::unique_ptr<QTemporaryDir> m_state;
