@@ -327,8 +327,9 @@ private slots:
     {
         const QString packId = QUuid::createUuid().toString(QUuid::WithoutBraces);
         Script(packId, Array(R"([{"ProcessStatus":2}])"));
-        auto round = [&packId](int stopped) {
-            UploadService service(kProduct, false, 10000, 0);
+        // One host object polls again as soon as the last polling is over.
+        UploadService service(kProduct, false, 10000, 0);
+        auto round = [&packId, &service](int stopped) {
             QSignalSpy resultSpy(&service, &CQMMemberWebService::UploadResult);
             service.MemberUploadPollingAsync(packId.toStdWString(), 0, 1, false);
             if (stopped)
@@ -345,7 +346,8 @@ private slots:
             const int stopped = i % 5 == 4;
             QCOMPARE(round(stopped), stopped ? -8 : 2);
         }
-        QTRY_COMPARE_WITH_TIMEOUT(Threads(), threads, 10000);
+        // Threads of the transport may come and go; none may be left over.
+        QTRY_VERIFY_WITH_TIMEOUT(Threads() <= threads, 10000);
         QCOMPARE(LiveInners(), 0);
     }
 
@@ -375,7 +377,8 @@ private slots:
         clock.start();
         delete service;
         QVERIFY2(clock.elapsed() < 3000, qPrintable(QStringLiteral("%1 ms").arg(clock.elapsed())));
-        QTRY_COMPARE_WITH_TIMEOUT(Threads(), threads, 10000);
+        // Threads of the transport may come and go; none may be left over.
+        QTRY_VERIFY_WITH_TIMEOUT(Threads() <= threads, 10000);
         QCOMPARE(LiveInners(), 0);
     }
 };
