@@ -23,12 +23,12 @@ struct ServerOptions {
     int tokenTtlSeconds = 3600;
     int signInTtlSeconds = 15 * 60; // lifetime of a browser sign-in link
     std::vector<std::string> seeds; // each --seed, in order
+    bool logRequests = false;       // one line per request on standard error
     // S3-compatible storage of uploads: --storage URL --storage-key K --storage-secret S --bucket B
     std::string storageUrl;
     std::string storageKey;
     std::string storageSecret;
     std::string bucket;
-    bool logRequests = false;       // one line per request on standard error
 };
 
 class MemberServer;

@@ -158,6 +158,7 @@ private:
                         {QStringLiteral("Types"), QJsonArray{1, 2, 3}},
                         {QStringLiteral("MaxSize"), kLargestUpload},
                         {QStringLiteral("Bucket"), QString::fromStdString(m_storage.Bucket())},
+                        {QStringLiteral("StorageURL"), QString::fromStdString(m_server.Options().storageUrl)},
                         {QStringLiteral("KeyPrefix"), QStringLiteral("members/%1/").arg(member)}});
     }
 
