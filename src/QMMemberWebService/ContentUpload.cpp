@@ -59,9 +59,11 @@ CQMMemberWebService::EWSResult CQMMemberWebService::GetContentUploadAWSInfo(std:
     }
     const QByteArray hex = reply.object().value(QLatin1String("aws_info")).toString().toLatin1();
     std::string key = AwsInfoKey();
-    QString plain;
-    const bool deciphered = QMCipher::Decrypt(hex, QByteArray(key.data(), int(key.size())), plain);
+    QByteArray keyBytes(key.data(), int(key.size()));
     std::fill(key.begin(), key.end(), '\0');
+    QString plain;
+    const bool deciphered = QMCipher::Decrypt(hex, keyBytes, plain);
+    keyBytes.fill('\0');
     const QJsonDocument info = deciphered ? QJsonDocument::fromJson(plain.toUtf8()) : QJsonDocument();
     plain.fill(QLatin1Char('\0'));
     if (info.isNull()) {
