@@ -376,7 +376,9 @@ public:
     /// every request. UploadMetaDataProgress(percent) follows statuses 0 and 11 (11 reports 0); any
     /// other status, or -1 for an empty or unparsable log, ends the loop with one UploadResult. Both
     /// signals come in this object's thread, which must run an event loop. \a pollArg and
-    /// \a pollFlag are kept and not used by the loop. A call while a loop runs does nothing.
+    /// \a pollFlag are kept and not used by the loop. A call while IsUploadPollingThreadRunning()
+    /// (or a browser sign-in) does nothing. A status that stays 0 or 11 ends after 100000 passes
+    /// with UploadResult(-8).
     void MemberUploadPollingAsync(const std::wstring& packId, int pollArg, int pollIntervalMs, bool pollFlag);
     /// Ends the upload polling after the request in flight; one UploadResult(-8) follows.
     /// Does nothing when no upload polling runs. Any thread.

@@ -11,6 +11,9 @@
 #include <QRegularExpression>
 
 #include <array>
+#include <deque>
+#include <map>
+#include <mutex>
 
 namespace {
 
@@ -91,8 +94,25 @@ public:
         return true;
     }
 
-    void AddRoutes(httplib::Server& http, bool) override
+    void AddRoutes(httplib::Server& http, bool admin) override
     {
+        // Tests script the processing log of a pack: {"PackID", "logs": [...]}; each log request
+        // takes the next entry and the last one stays. An object is the reply's data, a string is
+        // sent as the whole raw reply, null answers with no data.
+        if (admin) {
+            http.Post("/admin/upload/script", [this](const Request& request, Response& response) {
+                const QJsonObject body = QJsonDocument::fromJson(QByteArray::fromStdString(request.body)).object();
+                const QString packId = body.value(QStringLiteral("PackID")).toString();
+                const QJsonArray logs = body.value(QStringLiteral("logs")).toArray();
+                if (packId.isEmpty() || logs.isEmpty())
+                    return m_server.SendJson(response, QJsonObject{{QStringLiteral("error"),
+                                                                    QStringLiteral("PackID and logs required")}},
+                                             400);
+                std::lock_guard<std::mutex> lock(m_scriptMutex);
+                m_scripts[packId] = std::deque<QJsonValue>(logs.begin(), logs.end());
+                response.set_content("{\"ok\":true}", "application/json");
+            });
+        }
         http.Get("/ContentManager/v1/Upload/UploadInfoInit",
                  [this](const Request& request, Response& response) { InitInfo(request, response); });
         http.Get("/ContentManager/v1/Upload/AWSInfo",
@@ -209,11 +229,13 @@ private:
         static const QRegularExpression safe(QStringLiteral("^[A-Za-z0-9._-]{1,64}$"));
         if (!safe.match(packId).hasMatch())
             return m_server.SendEnvelope(request, response, 2, kStatusParam, QJsonValue());
-        const bool stored = m_server.State().WithDatabase([&](sqlite3* db) {
+        const int stored = m_server.State().WithDatabase([&](sqlite3* db) {
             sqlite3_stmt* statement = nullptr;
             sqlite3_prepare_v2(db,
-                               "INSERT OR REPLACE INTO upload_packs(pack_id, member, metadata, status, percentage, "
-                               "log) VALUES(?, ?, ?, 11, 0, 'Queued' || char(10))",
+                               "INSERT INTO upload_packs(pack_id, member, metadata, status, percentage, log) "
+                               "VALUES(?, ?, ?, 11, 0, 'Queued' || char(10)) ON CONFLICT(pack_id) DO UPDATE SET "
+                               "metadata=excluded.metadata, status=11, percentage=0, log=excluded.log "
+                               "WHERE member=excluded.member",
                                -1, &statement, nullptr);
             const QByteArray id = packId.toUtf8();
             const QByteArray who = member.toUtf8();
@@ -221,11 +243,14 @@ private:
             sqlite3_bind_text(statement, 1, id.constData(), id.size(), SQLITE_TRANSIENT);
             sqlite3_bind_text(statement, 2, who.constData(), who.size(), SQLITE_TRANSIENT);
             sqlite3_bind_text(statement, 3, json.constData(), json.size(), SQLITE_TRANSIENT);
-            const bool done = sqlite3_step(statement) == SQLITE_DONE;
+            // A pack ID of another member is not taken over: no row changes then.
+            const int step = sqlite3_step(statement);
             sqlite3_finalize(statement);
-            return done;
+            return step != SQLITE_DONE ? 0 : sqlite3_changes(db) == 1 ? 1 : 2;
         });
-        if (!stored)
+        if (stored == 2)
+            return m_server.SendEnvelope(request, response, 2, kStatusParam, QJsonValue());
+        if (stored != 1)
             return m_server.SendEnvelope(request, response, 2, 3, QJsonValue());
         m_processor->Enqueue(packId);
         m_server.SendEnvelope(request, response, 2, 2, QJsonObject{{QStringLiteral("PackID"), packId}});
@@ -234,6 +259,15 @@ private:
     void ProcessLog(const Request& request, Response& response)
     {
         const QByteArray packId = QByteArray::fromStdString(request.get_param_value("PackID"));
+        QJsonValue scripted;
+        if (Scripted(QString::fromUtf8(packId), scripted)) {
+            if (scripted.isString()) {
+                response.set_content(scripted.toString().toStdString(), "application/json");
+                return;
+            }
+            return m_server.SendEnvelope(request, response, 2, scripted.isObject() ? 2 : kStatusParam,
+                                         scripted.isObject() ? scripted : QJsonValue());
+        }
         QJsonObject log;
         m_server.State().WithDatabase([&](sqlite3* db) {
             sqlite3_stmt* statement = nullptr;
@@ -255,7 +289,22 @@ private:
         m_server.SendEnvelope(request, response, 2, 2, log);
     }
 
+    // The next scripted log of a pack; false when the pack has no script.
+    bool Scripted(const QString& packId, QJsonValue& log)
+    {
+        std::lock_guard<std::mutex> lock(m_scriptMutex);
+        const auto found = m_scripts.find(packId);
+        if (found == m_scripts.end())
+            return false;
+        log = found->second.front();
+        if (found->second.size() > 1)
+            found->second.pop_front();
+        return true;
+    }
+
     MemberServer& m_server;
+    std::mutex m_scriptMutex;
+    std::map<QString, std::deque<QJsonValue>> m_scripts;
     UploadStorage m_storage;
     std::unique_ptr<UploadProcessor> m_processor;
 };

@@ -19,6 +19,11 @@ using namespace QMService;
 namespace {
 
 constexpr int kLogRequestTimeoutMs = 30000;
+// A status that stays 0 or 11 would otherwise be polled for ever: past this many
+// passes (more than a day at one pass a second) the loop ends as timed out.
+constexpr int kMaxUploadPollPasses = 100000;
+// How long the host waits for an ended polling thread to be gone.
+constexpr unsigned long kPollingThreadEndMs = 5000;
 
 // The query value as the other content calls append it: unencoded.
 std::wstring UploadUrl(const wchar_t* path, const wchar_t* key, const std::wstring& value)
@@ -54,9 +59,11 @@ CQMMemberWebService::EWSResult CQMMemberWebService::GetContentUploadAWSInfo(std:
     }
     const QByteArray hex = reply.object().value(QLatin1String("aws_info")).toString().toLatin1();
     std::string key = AwsInfoKey();
-    QString plain;
-    const bool deciphered = QMCipher::Decrypt(hex, QByteArray(key.data(), int(key.size())), plain);
+    QByteArray keyBytes(key.data(), int(key.size()));
     std::fill(key.begin(), key.end(), '\0');
+    QString plain;
+    const bool deciphered = QMCipher::Decrypt(hex, keyBytes, plain);
+    keyBytes.fill('\0');
     const QJsonDocument info = deciphered ? QJsonDocument::fromJson(plain.toUtf8()) : QJsonDocument();
     plain.fill(QLatin1Char('\0'));
     if (info.isNull()) {
@@ -146,8 +153,13 @@ void CQMMemberWebService::MemberUploadPollingAsync(const std::wstring& packId, i
     connect(inner, &CQMMemberWebService::UploadMetaDataProgress, inner, [link](int progress) {
         link->Post([progress](CQMMemberWebService* owner) { emit owner->UploadMetaDataProgress(progress); });
     });
-    connect(thread, &QThread::finished, this, [this] {
+    // The inner service is deleted as its thread ends; waiting for that end here means that a
+    // host which sees IsUploadPollingThreadRunning() false may start the next polling at once.
+    const QPointer<QThread> ending(thread);
+    connect(thread, &QThread::finished, this, [this, ending] {
         qCDebug(lcService) << "OnMemberUploadPolling thread finished";
+        if (ending && ending != QThread::currentThread())
+            ending->wait(kPollingThreadEndMs);
         m_bAsyncLogin = false;
         m_bPollingThreadRunning = false;
     });
@@ -171,7 +183,14 @@ void CQMMemberWebService::OnMemberUploadPolling()
     if (m_bUploadPolling.exchange(true))
         return;
     int status = 0;
+    int passes = 0;
     while (m_bUploadPolling) {
+        if (++passes > kMaxUploadPollPasses) {
+            qCWarning(lcService) << "CQMMemberWebService::OnMemberUploadPolling gives up after" << kMaxUploadPollPasses
+                                 << "passes";
+            status = WS_CONNECTION_TIMEOUT;
+            break;
+        }
         // Slept in slices so that a stop takes effect at once.
         for (int slept = 0; slept < m_nPollIntervalMs && !m_bUploadStop; slept += 10)
             QThread::msleep(static_cast<unsigned long>(qMin(10, m_nPollIntervalMs - slept)));
