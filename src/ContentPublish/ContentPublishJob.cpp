@@ -172,7 +172,7 @@ void CQMContentPublishJob::Run()
         QByteArray buffer(int(kReadChunk), Qt::Uninitialized);
         qint64 read = 0;
         while (!m_cancel && (read = file.read(buffer.data(), buffer.size())) > 0) {
-            hash.addData(buffer.constData(), int(read));
+            hash.addData(QByteArray::fromRawData(buffer.constData(), int(read)));
             m_done += read;
         }
         const QString sha = QString::fromLatin1(hash.result().toHex());

@@ -176,11 +176,11 @@ QList<Command> PublishCommands()
         "A terminal shows a progress bar; --json prints one event per line (phase, part, progress) and then "
         "the result. Ctrl-C cancels: the upload is aborted on the storage and nothing is published (exit 130).");
     publish.options = {
-        {QStringLiteral("product"), QStringLiteral("The application product the pack belongs to."), QStringLiteral("ID")},
-        {QStringLiteral("version"), QStringLiteral("The product version."), QStringLiteral("V")},
-        {QStringLiteral("title"), QStringLiteral("The title (default: the file's name)."), QStringLiteral("T")},
-        {QStringLiteral("type"), QStringLiteral("The content type (default 1)."), QStringLiteral("N")},
-        {QStringLiteral("resume"), QStringLiteral("Go on from the journal of an interrupted upload.")},
+        {QStringLiteral("product"), QStringLiteral("the application product the pack belongs to"), QStringLiteral("ID")},
+        {QStringLiteral("version"), QStringLiteral("the product version"), QStringLiteral("V")},
+        {QStringLiteral("title"), QStringLiteral("the title (default: the file's name)"), QStringLiteral("T")},
+        {QStringLiteral("type"), QStringLiteral("the content type (default 1)"), QStringLiteral("N")},
+        {QStringLiteral("resume"), QStringLiteral("go on from the journal of an interrupted upload")},
         TimeoutOption(30),
         ProductKeyOption(),
     };
