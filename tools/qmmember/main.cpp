@@ -270,7 +270,14 @@ int main(int argc, char** argv)
 
     QCommandLineParser parser;
     parser.setSingleDashWordOptionMode(QCommandLineParser::ParseAsLongOptions);
-    parser.addOptions(GlobalOptions());
+    // A command may take --version as its own (publish --version V): the global one gives way.
+    bool ownVersion = false;
+    for (const QCommandLineOption& option : command->options)
+        ownVersion = ownVersion || option.names().contains(QStringLiteral("version"));
+    for (const QCommandLineOption& option : GlobalOptions()) {
+        if (!(ownVersion && option.names().contains(QStringLiteral("version"))))
+            parser.addOption(option);
+    }
     parser.addOptions(command->options);
     const bool parsed = parser.parse(QStringList{application.arguments().constFirst()} + args.mid(at));
     json = json || (parsed && parser.isSet(QStringLiteral("json")));
@@ -283,7 +290,7 @@ int main(int argc, char** argv)
     } else if (parser.isSet(QStringLiteral("help"))) {
         Write(stdout, CommandHelp(*command));
         return Cli::kExitOk;
-    } else if (parser.isSet(QStringLiteral("version"))) {
+    } else if (!ownVersion && parser.isSet(QStringLiteral("version"))) {
         Write(stdout, VersionText());
         return Cli::kExitOk;
     } else {
