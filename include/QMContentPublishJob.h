@@ -48,6 +48,7 @@ public:
         ClockSkew = -105, ///< the storage refused our time even after correcting it
         TooLarge = -106,  ///< above the largest size the service takes
         BadReply = -107,  ///< the service's upload info or content IDs could not be read
+        PollingBusy = -108, ///< the service runs another upload polling: the pack's outcome is not followed
     };
 
     struct Options {

@@ -156,6 +156,8 @@ void CQMContentPublishJob::Finish(int code, const QString& text)
 
 void CQMContentPublishJob::Run()
 {
+    if (m_finished) // cancelled before it began
+        return;
     const QFileInfo info(m_options.filePath);
     if (!info.isFile() || !info.isReadable())
         return Finish(FileUnreadable, tr("cannot read %1").arg(m_options.filePath));
@@ -495,6 +497,10 @@ void CQMContentPublishJob::AfterTransfer(int code, const QString& text)
             emit progress(PhaseProcessing, 100, 100, 0, 0);
         Finish(status, last.isEmpty() ? tr("processing ended with status %1").arg(status) : last);
     });
+    // A polling of the host's own would swallow the start and leave the job waiting for ever.
+    if (m_service->IsUploadPollingThreadRunning())
+        return Finish(PollingBusy, tr("another upload polling runs on this service; pack %1 is processed all the same")
+                                       .arg(m_packId));
     m_service->MemberUploadPollingAsync(m_packId.toStdWString(), 0, m_options.pollIntervalMs, false);
     if (m_cancel)
         m_service->StopUploadPolling();

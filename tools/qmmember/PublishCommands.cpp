@@ -54,6 +54,7 @@ QString CauseOf(int code)
     case CQMContentPublishJob::ClockSkew: return QStringLiteral("clock_skew");
     case CQMContentPublishJob::TooLarge: return QStringLiteral("too_large");
     case CQMContentPublishJob::BadReply: return QStringLiteral("bad_reply");
+    case CQMContentPublishJob::PollingBusy: return QStringLiteral("polling_busy");
     case 30: return QStringLiteral("object_missing");
     case 31: return QStringLiteral("size_mismatch");
     case 32: return QStringLiteral("hash_mismatch");
