@@ -6,6 +6,7 @@
 #include "TestService.h"
 #include "registry/QMRegistryAgent.h"
 
+#include <QCryptographicHash>
 #include <QElapsedTimer>
 #include <QFile>
 #include <QJsonArray>
@@ -13,6 +14,8 @@
 #include <QPointer>
 #include <QUuid>
 #include <QtTest>
+
+#include <curl/curl.h>
 
 #include <cstring>
 #include <map>
@@ -91,6 +94,35 @@ QString Encipher(const char* plain)
     return QMCipher::Encrypt(QString::fromUtf8(plain), QByteArray(key.data(), int(key.size())));
 }
 
+// Puts an object into the storage as a host would, SigV4-signed; the storage's HTTP status.
+long PutObject(const QString& url, const QString& key, const QString& secret, const QByteArray& body)
+{
+    CURL* curl = curl_easy_init();
+    const QByteArray target = url.toUtf8();
+    const QByteArray user = key.toUtf8();
+    const QByteArray password = secret.toUtf8();
+    const QByteArray hash =
+        "x-amz-content-sha256: " + QCryptographicHash::hash(body, QCryptographicHash::Sha256).toHex();
+    curl_slist* headers = curl_slist_append(nullptr, hash.constData());
+    headers = curl_slist_append(headers, "Content-Type: application/octet-stream");
+    curl_easy_setopt(curl, CURLOPT_URL, target.constData());
+    curl_easy_setopt(curl, CURLOPT_AWS_SIGV4, "aws:amz:us-east-1:s3");
+    curl_easy_setopt(curl, CURLOPT_USERNAME, user.constData());
+    curl_easy_setopt(curl, CURLOPT_PASSWORD, password.constData());
+    curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
+    curl_easy_setopt(curl, CURLOPT_CUSTOMREQUEST, "PUT");
+    curl_easy_setopt(curl, CURLOPT_POSTFIELDS, body.constData());
+    curl_easy_setopt(curl, CURLOPT_POSTFIELDSIZE, long(body.size()));
+    curl_easy_setopt(curl, CURLOPT_TIMEOUT, 30L);
+    curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, +[](char*, size_t size, size_t count, void*) { return size * count; });
+    long status = 0;
+    if (curl_easy_perform(curl) == CURLE_OK)
+        curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status);
+    curl_slist_free_all(headers);
+    curl_easy_cleanup(curl);
+    return status;
+}
+
 } // namespace
 
 class TestUpload : public QObject
@@ -101,6 +133,9 @@ private:
     ServerFixture m_server;
     StoreFolder m_store;
     QString m_memberId;
+    std::wstring m_access;
+    std::wstring m_refresh;
+    std::unique_ptr<ServerFixture> m_storageServer; // with the storage of QM_S3_URL, made when needed
 
     // The log requests the server saw for one pack.
     int LogRequests(const QString& packId)
@@ -127,9 +162,10 @@ private slots:
         CQMMemberWebService::SetRegistryInterface(&agent);
         const QJsonObject tokens = m_server.Admin("/admin/token", {{"email", "upload@quillmarsh.test"}});
         m_memberId = tokens.value("memberid").toString();
+        m_access = tokens.value("access_token").toString().toStdWString();
+        m_refresh = tokens.value("refresh_token").toString().toStdWString();
         UploadService service(kProduct, false, 10000, 0);
-        QVERIFY(service.SaveMemberToken(tokens.value("access_token").toString().toStdWString(),
-                                        tokens.value("refresh_token").toString().toStdWString()));
+        QVERIFY(service.SaveMemberToken(m_access, m_refresh));
     }
 
     void init() { m_server.Reset(); }
@@ -256,6 +292,91 @@ private slots:
         const QJsonObject object = QJsonDocument::fromJson(W(log).toUtf8()).object();
         QCOMPARE(object.value("ProcessStatus").toInt(), status);
         QVERIFY2(object.value("Log").toString().contains(logLine), qPrintable(object.value("Log").toString()));
+    }
+
+    // Real processing against the S3-compatible storage that ./qm test starts (QM_S3_URL):
+    // the objects a host put there are checked and the pack published, or its fault named.
+    void processingAgainstStorage_data()
+    {
+        QTest::addColumn<int>("fault"); // 0 none, 1 object missing, 2 size differs, 3 hash differs
+        QTest::addColumn<int>("status");
+        QTest::addColumn<QString>("logLine");
+        QTest::newRow("published") << 0 << 2 << "Published 2 item(s)";
+        QTest::newRow("object missing") << 1 << 30 << "is missing";
+        QTest::newRow("size differs") << 2 << 31 << "the metadata says";
+        QTest::newRow("hash differs") << 3 << 32 << "does not have the SHA-256";
+    }
+    void processingAgainstStorage()
+    {
+        QFETCH(int, fault);
+        QFETCH(int, status);
+        QFETCH(QString, logLine);
+        const QString url = qEnvironmentVariable("QM_S3_URL");
+        if (url.isEmpty())
+            QSKIP("no storage: ./qm test starts one and sets QM_S3_URL");
+        if (!m_storageServer) {
+            m_storageServer = std::make_unique<ServerFixture>();
+            QVERIFY(m_storageServer->Start({"--storage", url, "--storage-key", qEnvironmentVariable("QM_S3_KEY"),
+                                            "--storage-secret", qEnvironmentVariable("QM_S3_SECRET"), "--bucket",
+                                            "uploadtest"}));
+        }
+        // The other tests' server and member come back however this one ends.
+        struct Restore {
+            TestUpload* test;
+            ~Restore()
+            {
+                test->m_server.Export();
+                UploadService(kProduct, false, 10000, 0).SaveMemberToken(test->m_access, test->m_refresh);
+            }
+        } restore{this};
+        m_storageServer->Export();
+        const QJsonObject tokens = m_storageServer->Admin("/admin/token", {{"email", "upload@quillmarsh.test"}});
+        UploadService service(kProduct, false, 10000, 0);
+        QVERIFY(service.SaveMemberToken(tokens.value("access_token").toString().toStdWString(),
+                                        tokens.value("refresh_token").toString().toStdWString()));
+        std::wstring access;
+        std::wstring secret;
+        std::wstring bucket;
+        QCOMPARE(int(service.GetContentUploadAWSInfo(access, secret, bucket, 10000)), 2);
+
+        // Two objects of 300 KiB each.
+        const QString packId = QUuid::createUuid().toString(QUuid::WithoutBraces);
+        QJsonArray items;
+        for (int i = 0; i < 2; ++i) {
+            QByteArray body(300 * 1024, char('a' + i));
+            const QString key = QStringLiteral("members/%1/%2/%3").arg(tokens.value("memberid").toString(), packId).arg(i);
+            const QString hash = QString::fromLatin1(QCryptographicHash::hash(body, QCryptographicHash::Sha256).toHex());
+            if (!(fault == 1 && i == 1))
+                QCOMPARE(PutObject(url + "/" + W(bucket) + "/" + key, W(access), W(secret),
+                                   fault == 3 && i == 1 ? body.replace(0, 1, "z") : body),
+                         200L);
+            items.append(QJsonObject{{"ContentID", QStringLiteral("%1-%2").arg(packId).arg(i)},
+                                     {"Title", QStringLiteral("Piece %1").arg(i)},
+                                     {"Type", 1},
+                                     {"Key", key},
+                                     {"Size", body.size() + (fault == 2 && i == 1 ? 1 : 0)},
+                                     {"SHA256", hash}});
+        }
+        const QJsonObject metadata{{"PackID", packId}, {"ProductID", "QM-PAINT"}, {"Version", "2.0"}, {"Items", items}};
+        QSignalSpy progressSpy(&service, &CQMMemberWebService::UploadMetaDataProgress);
+        QSignalSpy resultSpy(&service, &CQMMemberWebService::UploadResult);
+        QCOMPARE(int(service.UploadContentMetaData(
+                     QString::fromUtf8(QJsonDocument(metadata).toJson(QJsonDocument::Compact)).toStdWString(), 10000,
+                     true)),
+                 2);
+        service.MemberUploadPollingAsync(packId.toStdWString(), 0, 5, false);
+        QVERIFY(resultSpy.wait(20000));
+        QCOMPARE(resultSpy.at(0).at(0).toInt(), status);
+        int last = 0;
+        for (const QList<QVariant>& signal : qAsConst(progressSpy)) {
+            QVERIFY(signal.at(0).toInt() >= last && signal.at(0).toInt() < 100);
+            last = signal.at(0).toInt();
+        }
+        std::wstring log;
+        QCOMPARE(int(service.GetUploadContentMetaDataLog(packId.toStdWString(), log, 10000)), 2);
+        const QJsonObject object = QJsonDocument::fromJson(W(log).toUtf8()).object();
+        QVERIFY2(object.value("Log").toString().contains(logLine), qPrintable(object.value("Log").toString()));
+        QCOMPARE(object.value("Percentage").toInt() == 100, status == 2);
     }
 
     // Scripted processing logs: each log request takes the next entry, the last one stays.
