@@ -4,6 +4,8 @@
 #include "ContentSql.h"
 #include "MemberServer.h"
 
+#include "../src/QMMemberWebService/SafeJson.h"
+
 #include <QCryptographicHash>
 #include <QDateTime>
 #include <QHash>
@@ -99,7 +101,7 @@ bool ReadVersionBody(const std::string& body, VersionBody& out)
             text.replace(start, end - start, '"' + raw + '"');
         }
     }
-    const QJsonDocument document = QJsonDocument::fromJson(QByteArray::fromStdString(text));
+    const QJsonDocument document = QMSafeJson::ParseJson(QByteArray::fromStdString(text));
     if (!document.isObject())
         return false;
     out.object = document.object();
@@ -519,7 +521,7 @@ private:
         QString memberId;
         if (!Member(request, response, memberId))
             return;
-        const QJsonValue ids = QJsonDocument::fromJson(QByteArray::fromStdString(request.body))
+        const QJsonValue ids = QMSafeJson::ParseJson(QByteArray::fromStdString(request.body))
                                    .object()
                                    .value(QStringLiteral("ContentID"));
         if (!ids.isArray())
@@ -734,7 +736,7 @@ private:
         QString memberId;
         if (!Member(request, response, memberId))
             return;
-        const QJsonDocument document = QJsonDocument::fromJson(QByteArray::fromStdString(request.body));
+        const QJsonDocument document = QMSafeJson::ParseJson(QByteArray::fromStdString(request.body));
         if (!document.isArray())
             return Reply(request, response, kBadParameters);
         const QJsonArray list = document.array();
@@ -821,7 +823,7 @@ private:
 
     void Publish(const Request& request, Response& response)
     {
-        const QJsonObject body = QJsonDocument::fromJson(QByteArray::fromStdString(request.body)).object();
+        const QJsonObject body = QMSafeJson::ParseJson(QByteArray::fromStdString(request.body)).object();
         const QString id = body.value(QStringLiteral("ContentID")).toString();
         QString sha = body.value(QStringLiteral("SHA256")).toString().toLower();
         qint64 version = 0;
@@ -876,7 +878,7 @@ private:
 
     void AddItem(const Request& request, Response& response)
     {
-        const QJsonObject body = QJsonDocument::fromJson(QByteArray::fromStdString(request.body)).object();
+        const QJsonObject body = QMSafeJson::ParseJson(QByteArray::fromStdString(request.body)).object();
         ContentCatalogue::PublishedItem item;
         item.contentId = body.value(QStringLiteral("ContentID")).toString();
         item.productId = body.value(QStringLiteral("ProductID")).toString();
