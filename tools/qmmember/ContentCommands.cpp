@@ -96,8 +96,25 @@ QString Table(const QJsonArray& rows)
     return text;
 }
 
+// One object as aligned "key  value" lines, nested values in full: one item reads best so.
+QString Record(const QJsonObject& object)
+{
+    int width = 0;
+    for (auto it = object.begin(); it != object.end(); ++it)
+        width = qMax(width, it.key().size());
+    QString text;
+    for (auto it = object.begin(); it != object.end(); ++it) {
+        const QJsonValue value = it.value();
+        const QString shown = value.isObject()  ? QString::fromUtf8(QJsonDocument(value.toObject()).toJson(QJsonDocument::Compact))
+                              : value.isArray() ? QString::fromUtf8(QJsonDocument(value.toArray()).toJson(QJsonDocument::Compact))
+                                                : HumanValue(value);
+        text += QStringLiteral("  ") + it.key().leftJustified(width + 2) + shown + QLatin1Char('\n');
+    }
+    return text;
+}
+
 // The reply's data for people: scalar members as "Key: value" lines, then each array member as
-// a table under its name; an array as one table.
+// a table under its name (a single object as lines); an array as one table.
 QString Readable(const QJsonValue& data)
 {
     if (data.isArray())
@@ -124,7 +141,7 @@ QString Readable(const QJsonValue& data)
                 continue;
             }
             tables += QStringLiteral("\n%1 (%2)\n").arg(it.key()).arg(rows.size());
-            tables += Table(rows);
+            tables += rows.size() == 1 && rows.first().isObject() ? Record(rows.first().toObject()) : Table(rows);
         } else {
             head += it.key() + QStringLiteral(": ") + Cell(it.value()) + QLatin1Char('\n');
         }
