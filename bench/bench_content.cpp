@@ -1,6 +1,6 @@
 // GetContentMetaData for 100, 1,000 and 10,000 IDs against bare libcurl plus one QJsonDocument
 // parse of the same reply, interleaved, on a qmmember-server seeded with --seed catalogue=N.
-// Usage: bench_content [--json] [--reps N]   (QM_API_HOST and QM_CA_FILE name a server started
+// Usage: bench_content [--json] [--reps N] [--sizes 100,1000]   (QM_API_HOST and QM_CA_FILE name a server started
 // with --admin: the member's tokens come from its /admin/token)
 #include "QMMemberWebService.h"
 
@@ -153,7 +153,9 @@ int main(int argc, char** argv)
     QCoreApplication application(argc, argv);
     const QStringList args = application.arguments();
     const bool json = args.contains(QStringLiteral("--json"));
-    const int reps = qMax(3, args.value(args.indexOf(QStringLiteral("--reps")) + 1).toInt());
+    const int reps = args.contains(QStringLiteral("--reps"))
+                         ? qMax(1, args.value(args.indexOf(QStringLiteral("--reps")) + 1).toInt())
+                         : 7;
     const QString host = qEnvironmentVariable("QM_API_HOST");
     const QString ca = qEnvironmentVariable("QM_CA_FILE");
     if (host.isEmpty() || ca.isEmpty()) {
@@ -180,7 +182,14 @@ int main(int argc, char** argv)
                  access.toStdString());
 
     QJsonArray report;
-    for (const int size : {100, 1000, 10000}) {
+    QList<int> sizes{100, 1000, 10000};
+    if (args.contains(QStringLiteral("--sizes"))) {
+        sizes.clear();
+        for (const QString& size : args.value(args.indexOf(QStringLiteral("--sizes")) + 1).split(QLatin1Char(',')))
+            if (size.toInt() > 0 && size.toInt() <= 20000)
+                sizes.append(size.toInt());
+    }
+    for (const int size : sizes) {
         std::vector<std::wstring> ids;
         ids.reserve(size_t(size));
         for (int n = 1; n <= size; ++n)

@@ -362,7 +362,16 @@ bool CQMMemberWebService::ParseJsonResult(const std::wstring& reply, int& apiSta
     status = -1;
     if (reply.empty())
         return false;
-    QJsonDocument parsed = QMSafeJson::ParseJson(QMText::ToUtf8Bytes(reply));
+    return ParseJsonResult(QMText::ToUtf8Bytes(reply), apiStatus, status, document);
+}
+
+bool CQMMemberWebService::ParseJsonResult(const QByteArray& utf8, int& apiStatus, int& status,
+                                          QJsonDocument& document)
+{
+    status = -1;
+    if (utf8.isEmpty())
+        return false;
+    QJsonDocument parsed = QMSafeJson::ParseJson(utf8);
     if (parsed.isNull())
         return false;
     QJsonObject top = parsed.object();
@@ -421,8 +430,11 @@ CQMMemberWebService::EWSResult CQMMemberWebService::ExtractApiResult(std::wstrin
     int apiStatus = 0;
     int status = -1;
     QJsonDocument document;
-    const bool parsed = ParseJsonResult(reply, apiStatus, status, document);
+    // The wide reply goes before the parse: a large reply is not held wide and parsed at once.
+    QByteArray utf8 = QMText::ToUtf8Bytes(reply);
     std::wstring().swap(reply);
+    const bool parsed = ParseJsonResult(utf8, apiStatus, status, document);
+    utf8 = QByteArray();
     if (!parsed)
         return WS_PARSE_CONTENT_FAIL;
 
