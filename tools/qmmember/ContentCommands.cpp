@@ -186,6 +186,30 @@ void ShowData(Context& c, const std::wstring& text)
         c.Out().Body(QStringLiteral("data"), readable.chopped(1));
 }
 
+// Done(), with the content service's own meanings where the shared words would mislead: a
+// missing sign-in is -1 from the pipeline, and 5 is another member's list refused.
+int Finish(Context& c, int result)
+{
+    if (result == Service::WS_UNEXPECT_FAIL && !c.Service().IsMemberLogIn()) {
+        Failure failure = c.ServiceFailure(result);
+        failure.cause = QStringLiteral("not_signed_in");
+        failure.text = QStringLiteral("no member is signed in");
+        failure.words.clear();
+        failure.hint = QStringLiteral("sign in first: qmmember login");
+        return c.Fail(failure);
+    }
+    if (result == 5 && c.command().name == QLatin1String("content list")) {
+        Failure failure = c.ServiceFailure(result);
+        failure.cause = QStringLiteral("not_allowed");
+        failure.text = QStringLiteral("member %1 has not named you a sitter: their list is not yours to see")
+                           .arg(c.Value(QStringLiteral("owner")));
+        failure.words.clear();
+        failure.hint = QStringLiteral("leave out --owner for your own list");
+        return c.Fail(failure);
+    }
+    return c.Done(result);
+}
+
 // The catalogue lists of a product version.
 int Catalogue(Context& c, const QString& which)
 {
@@ -213,7 +237,7 @@ int Catalogue(Context& c, const QString& which)
         result = service.GetSitterMemberList(out, timeoutMs);
     if (result == Service::WS_OK)
         ShowData(c, out);
-    return c.Done(result);
+    return Finish(c, result);
 }
 
 int MemberList(Context& c)
@@ -267,7 +291,7 @@ int MemberList(Context& c)
     }
     if (result == Service::WS_OK)
         ShowData(c, text);
-    return c.Done(result);
+    return Finish(c, result);
 }
 
 int QMContent(Context& c)
@@ -279,7 +303,7 @@ int QMContent(Context& c)
     const int result = c.Service().GetQMContent(WideIds(c.Args()), out, timeoutMs);
     if (result == Service::WS_OK)
         ShowData(c, out);
-    return c.Done(result);
+    return Finish(c, result);
 }
 
 bool ReadNumber(Context& c, const QString& option, int& value)
@@ -310,7 +334,7 @@ int MetaData(Context& c)
                                                       WideIds(args.mid(2)), index, target, out, timeoutMs);
     if (result == Service::WS_OK)
         ShowData(c, out);
-    return c.Done(result);
+    return Finish(c, result);
 }
 
 int NewVersions(Context& c)
@@ -336,7 +360,7 @@ int NewVersions(Context& c)
                 c.Out().Body(QStringLiteral("new_versions"), text);
         }
     }
-    return c.Done(result);
+    return Finish(c, result);
 }
 
 int HashNotice(Context& c)
@@ -350,7 +374,7 @@ int HashNotice(Context& c)
                                                                   timeoutMs);
     if (result == Service::WS_OK)
         c.Out().Field(QStringLiteral("notified"), args.size() - 2);
-    return c.Done(result);
+    return Finish(c, result);
 }
 
 int CartAdd(Context& c)
@@ -369,7 +393,7 @@ int CartAdd(Context& c)
             c.Out().Field(QStringLiteral("note"), QStringLiteral("the service refused the other items (already in "
                                                                  "the cart, owned, not for sale or unknown)"));
     }
-    return c.Done(result);
+    return Finish(c, result);
 }
 
 Command Make(const QString& name, const QString& synopsis, const QString& summary, int minArgs, int maxArgs,

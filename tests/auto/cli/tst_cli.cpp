@@ -428,6 +428,9 @@ private slots:
         m_server.Admin("/admin/content/item", {{"ContentID", "CLI-1"}, {"ProductID", "CliStudio"}, {"Version", "3"},
                                                {"Title", "Cli Poster"}, {"Price", 1.5},
                                                {"MetaData", QJsonObject{{"Author", "cli"}}}});
+        const Ran signedOut = Run({"--json", "content", "get", "CLI-1"});
+        QCOMPARE(signedOut.code, 1);
+        QCOMPARE(signedOut.Json().value("error").toObject().value("cause").toString(), QStringLiteral("not_signed_in"));
         QCOMPARE(Run({"login", "--email", kEmail, "--password-stdin"}, kPassword.toUtf8() + "\n").code, 0);
         const Ran meta = Run({"--json", "content", "meta", "CliStudio", "3", "CLI-1", "nope"});
         QCOMPARE(meta.code, 0);
