@@ -439,8 +439,11 @@ protected:
     static bool IsEducationLogIn(std::wstring productRegistryKey);
 
     bool ParseJsonResult(const std::wstring& reply, int& apiStatus, int& status, QJsonDocument& document);
+    /// The same for the reply's UTF-8 bytes.
+    bool ParseJsonResult(const QByteArray& utf8, int& apiStatus, int& status, QJsonDocument& document);
+    /// Takes \a reply by value and frees it once parsed: a large reply is not held twice.
     EWSResult ExtractApiResult(std::wstring path, std::string body, int timeoutMs, bool needLogin, bool sync,
-                               const std::wstring& reply, std::wstring& resultText, QString kGuid);
+                               std::wstring reply, std::wstring& resultText, QString kGuid);
     EWSResult ProcessStatus(int status, std::function<EWSResult()> retry, bool allowRetry);
     static QJsonObject JsonObjectFromString(const QString& text);
     EWSResult ConnectionEndProcess(std::wstring proxyAccount, std::wstring proxyPassword, bool save, bool ok,
