@@ -1,12 +1,9 @@
 #include "LZString.h"
 
+#include <atomic>
 #include <cstdint>
 #include <cstring>
 #include <vector>
-
-#if defined(_MSC_VER) && (defined(_M_X64) || defined(_M_IX86))
-#include <xmmintrin.h>
-#endif
 
 namespace LZString {
 
@@ -15,27 +12,11 @@ const QString keyStrUriSafe = QStringLiteral("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefgh
 
 namespace {
 
-// Asks for memory that will be read soon; a hint only.
-inline void Prefetch(const void* address)
-{
-#if defined(__GNUC__) || defined(__clang__)
-    __builtin_prefetch(address);
-#elif defined(_M_X64) || defined(_M_IX86)
-    _mm_prefetch(static_cast<const char*>(address), _MM_HINT_T0);
-#else
-    (void)address;
-#endif
-}
+// The default matches the transport's default reply limit (64 MiB).
+std::atomic<qint64> g_outputLimit{qint64(64) << 20};
 
-// A reply that would decode to more than this (512 MiB) is refused as corrupt.
-constexpr uint64_t kMaxOutput = uint64_t(1) << 28;
-
-// Dictionary entries are spans of the output already written: every phrase
-// the decoder learns is a run of text it has just produced.
-struct Span {
-    uint32_t offset;
-    uint32_t length;
-};
+// No stream can address more output than this: offsets carry a flag in the top bit.
+constexpr qint64 kHardLimit = qint64(1) << 30;
 
 QString EmptyText()
 {
@@ -72,7 +53,7 @@ public:
         return number;
     }
 
-    uint64_t Index() const { return m_index; }
+    bool Exhausted() const { return m_index > uint64_t(m_length); }
 
 private:
     // Past the end every character reads as the terminating zero would.
@@ -86,30 +67,33 @@ private:
     uint64_t m_index = 1;
 };
 
+// Bit order reversed within a byte, for the 15-bit groups below.
+struct Reverse8 {
+    constexpr Reverse8()
+        : table()
+    {
+        for (int v = 0; v < 256; ++v) {
+            int out = 0;
+            for (int i = 0; i < 8; ++i)
+                out |= ((v >> i) & 1) << (7 - i);
+            table[v] = static_cast<uint8_t>(out);
+        }
+    }
+    uint8_t table[256];
+};
+constexpr Reverse8 kReverse8;
+
 // The UTF-16 form's reader works through a 64-bit buffer. Each character
 // carries 15 bits, most significant first, while numbers are assembled least
 // significant bit first; reversing each 15-bit group on load makes both
 // orders agree, so a read is a mask and a shift.
-// A 15-bit reversal table serves the common reset value.
-struct Reverse15 {
-    Reverse15()
-    {
-        for (uint32_t v = 0; v < 32768; ++v) {
-            uint32_t out = 0;
-            for (int i = 0; i < 15; ++i)
-                out |= ((v >> (14 - i)) & 1u) << i;
-            table[v] = static_cast<uint16_t>(out);
-        }
-    }
-    uint16_t table[32768];
-};
-
 class FastReader
 {
 public:
     FastReader(const QChar* data, int length, int)
         : m_data(reinterpret_cast<const char16_t*>(data))
         , m_length(static_cast<uint64_t>(length))
+        , m_limitBits(static_cast<uint64_t>(length) * 15)
     {
     }
 
@@ -124,214 +108,282 @@ public:
         return value;
     }
 
-    uint64_t Index() const { return 1 + m_consumed / 15; }
+    // The description's "index > length": every bit of the input has been read.
+    bool Exhausted() const { return m_consumed >= m_limitBits; }
 
 private:
     void Refill()
     {
-        static const Reverse15 reverse;
         while (m_available <= 64 - 15) {
-            const uint32_t value = m_next < m_length ? uint32_t(m_data[m_next]) - 32u : uint32_t(-32);
+            // Past the end the terminating zero reads as -32, as in the description.
+            const uint32_t value = (m_next < m_length ? uint32_t(m_data[m_next]) - 32u : uint32_t(-32)) & 0x7FFFu;
             ++m_next;
-            m_buffer |= uint64_t(reverse.table[value & 0x7FFF]) << m_available;
+            const uint32_t reversed = (uint32_t(kReverse8.table[value & 0xFF]) << 7) | (kReverse8.table[value >> 8] >> 1);
+            m_buffer |= uint64_t(reversed) << m_available;
             m_available += 15;
         }
     }
 
     const char16_t* m_data;
     uint64_t m_length;
+    uint64_t m_limitBits;
     uint64_t m_buffer = 0;
     int m_available = 0;
     uint64_t m_next = 0;
     uint64_t m_consumed = 0;
 };
 
-// Decoding runs in three passes. The first reads the bits into a list of
-// codes: the dictionary's size and the code width evolve independently of the
-// text, so the whole stream can be read before any look-up. The second learns
-// only lengths, so that the output is allocated once at its exact size. The
-// third writes the text. The last two look entries up at random; with the
-// codes known in advance they fetch memory a few codes ahead of its use.
-enum class Outcome { Text, Empty, Null };
+// One table of 4 bytes per dictionary entry serves both passes, kept per
+// thread so that a decode does not fault in fresh pages; up to 8 MiB is kept.
+constexpr size_t kKeptEntries = size_t(2) << 20;
 
-// A literal carries this flag and its character; anything else is a code >= 3.
+struct Table {
+    std::vector<uint32_t> entries;
+    uint32_t* Ensure(size_t count)
+    {
+        if (entries.size() < count)
+            entries.resize(count < 4096 ? 4096 : count * 2);
+        return entries.data();
+    }
+    ~Table() = default;
+};
+
+thread_local Table t_table;
+
+struct TableRelease {
+    ~TableRelease()
+    {
+        if (t_table.entries.size() > kKeptEntries)
+            std::vector<uint32_t>().swap(t_table.entries);
+    }
+};
+
+enum class End { Text, Empty, Null };
+
+// Decoding reads the stream twice. The first pass checks it and learns the
+// length of every dictionary entry and of the text, so the output is made once
+// at its size and a text beyond the limit is refused before any of it is
+// built. The second pass writes the text; there an entry is only its start in
+// the output. An entry learnt at a step is the previous phrase and the first
+// character of the current one, which lie side by side in the output: it ends
+// one character after where the next learnt entry starts. Literal entries
+// carry kLiteral.
 constexpr uint32_t kLiteral = 0x80000000u;
-constexpr size_t kAhead = 16;
+constexpr size_t kSlack = 8; // characters a copy may write past its phrase
 
-struct Codes {
-    std::vector<uint32_t> list;
+struct Header {
     bool hasFirst = false; // false: header 3, an empty first phrase
     char16_t first = 0;
-    Outcome end = Outcome::Empty;
 };
 
 template <typename Reader>
-Codes ReadCodes(Reader& reader, uint64_t length, size_t expected)
+End ReadHeader(Reader& reader, Header& header)
 {
-    Codes codes;
     switch (reader.Read(2)) {
     case 0:
-        codes.hasFirst = true;
-        codes.first = static_cast<char16_t>(reader.Read(8));
-        break;
+        header.hasFirst = true;
+        header.first = static_cast<char16_t>(reader.Read(8));
+        return End::Text;
     case 1:
-        codes.hasFirst = true;
-        codes.first = static_cast<char16_t>(reader.Read(16));
-        break;
+        header.hasFirst = true;
+        header.first = static_cast<char16_t>(reader.Read(16));
+        return End::Text;
     case 2:
-        codes.end = Outcome::Empty;
-        return codes;
+        return End::Empty;
     default:
-        break; // 3: tolerated
+        return End::Text; // 3: tolerated
     }
-    codes.list.reserve(expected);
+}
+
+template <typename Reader>
+End Measure(Reader reader, qint64 limit, uint64_t& size)
+{
+    Header header;
+    if (ReadHeader(reader, header) == End::Empty)
+        return End::Empty;
+    uint32_t* lengths = t_table.Ensure(4096);
+    size_t capacity = t_table.entries.size();
+    lengths[3] = header.hasFirst ? 1 : 0;
+    uint32_t w = lengths[3];
+    uint64_t total = w;
     uint32_t dictSize = 4;
     int32_t enlargeIn = 4;
     int numBits = 3;
-    auto grow = [&] {
+    for (;;) {
+        if (reader.Exhausted())
+            return End::Empty; // ended before its end marker: nothing decoded counts
+        if (dictSize + 2 >= capacity) {
+            lengths = t_table.Ensure(size_t(dictSize) + 2);
+            capacity = t_table.entries.size();
+        }
+        uint32_t code = reader.Read(numBits);
+        uint32_t entry;
+        if (code < 2) {
+            reader.Read(code == 0 ? 8 : 16);
+            lengths[dictSize] = 1;
+            code = dictSize++;
+            if (--enlargeIn == 0) {
+                enlargeIn = int32_t(1) << numBits;
+                ++numBits;
+            }
+            entry = 1;
+        } else if (code == 2) {
+            size = total;
+            return End::Text;
+        } else if (code < dictSize) {
+            entry = lengths[code];
+            if (entry == 0)
+                return End::Null;
+        } else if (code == dictSize) {
+            entry = w ? w + 1 : 0; // a phrase that refers to itself
+        } else {
+            return End::Null; // beyond the next free code
+        }
+        total += entry;
+        if (total > uint64_t(limit))
+            return End::Null; // stops before the oversized text is built
+        lengths[dictSize++] = w + (entry ? 1u : 0u);
+        w = entry;
         if (--enlargeIn == 0) {
             enlargeIn = int32_t(1) << numBits;
             ++numBits;
         }
-    };
-    for (;;) {
-        if (reader.Index() > length) {
-            codes.end = Outcome::Empty; // ended before its end marker: nothing decoded counts
-            return codes;
-        }
-        const uint32_t code = reader.Read(numBits);
-        if (code < 2) {
-            codes.list.push_back(kLiteral | reader.Read(code == 0 ? 8 : 16));
-            ++dictSize;
-            grow();
-        } else if (code == 2) {
-            codes.end = Outcome::Text;
-            return codes;
-        } else if (code > dictSize) {
-            codes.end = Outcome::Null; // beyond the next free code
-            return codes;
-        } else {
-            codes.list.push_back(code);
-        }
-        ++dictSize;
-        grow();
-        if (numBits > 31) {
-            codes.end = Outcome::Null; // no real stream grows codes this wide
-            return codes;
-        }
+        if (numBits > 31)
+            return End::Null; // no real stream grows codes this wide
     }
 }
 
-// The length of every dictionary entry and of the whole text; Null for a
-// reference to an empty entry or a text beyond the size limit.
-Outcome MeasureText(const Codes& codes, uint64_t& size)
+// Copies a phrase 8 characters at a time into the slack after it. The source
+// ends at or before the destination, so what a chunk reads was written before
+// this copy began.
+inline void CopyPhrase(char16_t* target, const char16_t* source, uint32_t length)
 {
-    const std::vector<uint32_t>& list = codes.list;
-    std::vector<uint32_t> lengths;
-    lengths.reserve(list.size() * 2 + 4);
-    lengths.assign(3, 0);
-    uint32_t w = codes.hasFirst ? 1 : 0;
-    lengths.push_back(w);
-    uint64_t total = w;
-    for (size_t i = 0; i < list.size(); ++i) {
-        if (i + kAhead < list.size() && !(list[i + kAhead] & kLiteral) && list[i + kAhead] < lengths.size())
-            Prefetch(&lengths[list[i + kAhead]]);
-        const uint32_t code = list[i];
-        uint32_t entry;
-        if (code & kLiteral) {
-            lengths.push_back(1);
-            entry = 1;
-        } else if (code < lengths.size()) {
-            entry = lengths[code];
-            if (entry == 0)
-                return Outcome::Null;
-        } else {
-            entry = w ? w + 1 : 0; // a phrase that refers to itself
-        }
-        total += entry;
-        if (total > kMaxOutput)
-            return Outcome::Null;
-        lengths.push_back(w + (entry ? 1u : 0u));
-        w = entry;
-    }
-    size = total;
-    return codes.end;
-}
-
-void WriteText(const Codes& codes, char16_t* out)
-{
-    const std::vector<uint32_t>& list = codes.list;
-    std::vector<Span> spans;
-    spans.reserve(list.size() * 2 + 4);
-    spans.assign(3, Span{0, 0});
-    Span w{0, codes.hasFirst ? 1u : 0u};
-    if (codes.hasFirst)
-        out[0] = codes.first;
-    spans.push_back(w);
-    uint32_t at = w.length;
-    for (size_t i = 0; i < list.size(); ++i) {
-        // Two steps ahead: the entry, then the text it points to.
-        if (i + kAhead < list.size() && !(list[i + kAhead] & kLiteral) && list[i + kAhead] < spans.size())
-            Prefetch(&spans[list[i + kAhead]]);
-        if (i + kAhead / 2 < list.size() && !(list[i + kAhead / 2] & kLiteral)
-            && list[i + kAhead / 2] < spans.size())
-            Prefetch(out + spans[list[i + kAhead / 2]].offset);
-        const uint32_t code = list[i];
-        Span entry{at, 0};
-        if (code & kLiteral) {
-            out[at] = static_cast<char16_t>(code);
-            entry.length = 1;
-            spans.push_back(entry);
-        } else if (code < spans.size()) {
-            const Span source = spans[code];
-            std::memcpy(out + at, out + source.offset, size_t(source.length) * sizeof(char16_t));
-            entry.length = source.length;
-        } else if (w.length) {
-            // A phrase that refers to itself: w and its own first character.
-            std::memcpy(out + at, out + w.offset, size_t(w.length) * sizeof(char16_t));
-            out[at + w.length] = out[w.offset];
-            entry.length = w.length + 1;
-        }
-        at += entry.length;
-        // w and the first character of the entry lie side by side in the output.
-        spans.push_back(w.length ? Span{w.offset, w.length + (entry.length ? 1u : 0u)}
-                                 : Span{entry.offset, entry.length ? 1u : 0u});
-        w = entry;
+    char16_t chunk[8];
+    for (uint32_t done = 0; done < length; done += 8) {
+        std::memcpy(chunk, source + done, sizeof chunk);
+        std::memcpy(target + done, chunk, sizeof chunk);
     }
 }
 
 template <typename Reader>
-QString Decode(const QChar* data, int length, int resetValue)
+void Write(Reader reader, char16_t* out, uint32_t* starts)
 {
-    Reader reader(data, length, resetValue);
-    const Codes codes = ReadCodes(reader, static_cast<uint64_t>(length), static_cast<size_t>(length) + 8);
+    Header header;
+    ReadHeader(reader, header);
+    uint32_t at = 0;
+    if (header.hasFirst)
+        out[at++] = header.first;
+    starts[3] = kLiteral;
+    uint32_t previous = 0; // where the previous phrase starts
+    uint32_t dictSize = 4;
+    int32_t enlargeIn = 4;
+    int numBits = 3;
+    starts[4] = 0;
+    for (;;) {
+        uint32_t code = reader.Read(numBits);
+        uint32_t length;
+        if (code < 2) {
+            out[at] = static_cast<char16_t>(reader.Read(code == 0 ? 8 : 16));
+            starts[dictSize++] = at | kLiteral;
+            if (--enlargeIn == 0) {
+                enlargeIn = int32_t(1) << numBits;
+                ++numBits;
+            }
+            length = 1;
+        } else if (code == 2) {
+            return;
+        } else {
+            uint32_t from;
+            if (code < dictSize) {
+                const uint32_t start = starts[code];
+                if (start & kLiteral) {
+                    from = start & ~kLiteral;
+                    length = 1;
+                } else {
+                    const uint32_t next = starts[code + 1];
+                    length = ((next & kLiteral) ? starts[code + 2] : next) + 1 - start;
+                    from = start;
+                }
+            } else {
+                from = previous; // w and its own first character
+                length = at - previous;
+            }
+            CopyPhrase(out + at, out + from, length);
+            if (code >= dictSize && length) {
+                out[at + length] = out[previous];
+                ++length;
+            }
+        }
+        starts[dictSize] = previous;
+        starts[dictSize + 1] = at; // provisional: where the next learnt entry starts
+        ++dictSize;
+        previous = at;
+        at += length;
+        if (--enlargeIn == 0) {
+            enlargeIn = int32_t(1) << numBits;
+            ++numBits;
+        }
+    }
+}
+
+template <typename Reader>
+QString Decode(const QChar* data, int length, int resetValue, qint64 limit)
+{
+    TableRelease release;
+    const Reader reader(data, length, resetValue);
     uint64_t size = 0;
-    const Outcome outcome = MeasureText(codes, size);
-    if (outcome == Outcome::Null)
+    const End end = Measure(reader, limit, size);
+    if (end == End::Null)
         return QString();
-    if (outcome == Outcome::Empty)
+    if (end == End::Empty)
         return EmptyText();
-    QString text(static_cast<int>(size), Qt::Uninitialized);
-    WriteText(codes, reinterpret_cast<char16_t*>(text.data()));
+    QString text(static_cast<int>(size + kSlack), Qt::Uninitialized);
+    Write(reader, reinterpret_cast<char16_t*>(text.data()), t_table.entries.data());
+    text.resize(static_cast<int>(size)); // shrinking keeps the buffer
     return text;
+}
+
+qint64 Bounded(qint64 limit)
+{
+    return limit > 0 && limit < kHardLimit ? limit : kHardLimit;
 }
 
 } // namespace
 
+void SetOutputLimit(qint64 characters)
+{
+    g_outputLimit = characters > 0 ? characters : qint64(64) << 20;
+}
+
+qint64 OutputLimit()
+{
+    return g_outputLimit.load();
+}
+
 QString _decompress(int length, int resetValue, const QChar* data)
+{
+    return _decompress(length, resetValue, data, OutputLimit());
+}
+
+QString _decompress(int length, int resetValue, const QChar* data, qint64 maxLength)
 {
     if (length <= 0 || !data || resetValue <= 0)
         return EmptyText();
     if (resetValue == 16384)
-        return Decode<FastReader>(data, length, resetValue);
-    return Decode<ClassicReader>(data, length, resetValue);
+        return Decode<FastReader>(data, length, resetValue, Bounded(maxLength));
+    return Decode<ClassicReader>(data, length, resetValue, Bounded(maxLength));
 }
 
 QString decompressFromUTF16(const QString& compressed)
 {
+    return decompressFromUTF16(compressed, OutputLimit());
+}
+
+QString decompressFromUTF16(const QString& compressed, qint64 maxLength)
+{
     if (compressed.isEmpty())
         return EmptyText();
-    return _decompress(compressed.length(), 16384, compressed.constData());
+    return _decompress(compressed.length(), 16384, compressed.constData(), maxLength);
 }
 
 } // namespace LZString
