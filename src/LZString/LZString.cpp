@@ -3,7 +3,11 @@
 #include <atomic>
 #include <cstdint>
 #include <cstring>
-#include <vector>
+#include <memory>
+
+#if defined(_MSC_VER) && (defined(_M_X64) || defined(_M_IX86))
+#include <xmmintrin.h>
+#endif
 
 namespace LZString {
 
@@ -133,43 +137,74 @@ private:
     uint64_t m_consumed = 0;
 };
 
-// One table of 4 bytes per dictionary entry serves both passes, kept per
-// thread so that a decode does not fault in fresh pages; up to 8 MiB is kept.
-constexpr size_t kKeptEntries = size_t(2) << 20;
+// Asks for memory that will be read soon; a hint only.
+inline void Prefetch(const void* address)
+{
+#if defined(__GNUC__) || defined(__clang__)
+    __builtin_prefetch(address);
+#elif defined(_M_X64) || defined(_M_IX86)
+    _mm_prefetch(static_cast<const char*>(address), _MM_HINT_T0);
+#else
+    (void)address;
+#endif
+}
 
-struct Table {
-    std::vector<uint32_t> entries;
-    uint32_t* Ensure(size_t count)
+// Scratch memory kept per thread, so that a decode does not fault in fresh
+// pages; up to 8 MiB each is kept between calls.
+constexpr size_t kKeptWords = size_t(2) << 20;
+
+struct Scratch {
+    std::unique_ptr<uint32_t[]> words;
+    size_t size = 0;
+
+    // Room for \a count words; the first \a used survive a move.
+    uint32_t* Ensure(size_t count, size_t used)
     {
-        if (entries.size() < count)
-            entries.resize(count < 4096 ? 4096 : count * 2);
-        return entries.data();
+        if (size < count) {
+            const size_t grown = count < 4096 ? 4096 : count * 2;
+            std::unique_ptr<uint32_t[]> fresh(new uint32_t[grown]);
+            if (used)
+                std::memcpy(fresh.get(), words.get(), used * sizeof(uint32_t));
+            words = std::move(fresh);
+            size = grown;
+        }
+        return words.get();
     }
-    ~Table() = default;
+    void Trim()
+    {
+        if (size > kKeptWords) {
+            words.reset();
+            size = 0;
+        }
+    }
 };
 
-thread_local Table t_table;
+thread_local Scratch t_codes;
+thread_local Scratch t_table;
 
-struct TableRelease {
-    ~TableRelease()
+struct ScratchRelease {
+    ~ScratchRelease()
     {
-        if (t_table.entries.size() > kKeptEntries)
-            std::vector<uint32_t>().swap(t_table.entries);
+        t_codes.Trim();
+        t_table.Trim();
     }
 };
 
 enum class End { Text, Empty, Null };
 
-// Decoding reads the stream twice. The first pass checks it and learns the
-// length of every dictionary entry and of the text, so the output is made once
-// at its size and a text beyond the limit is refused before any of it is
-// built. The second pass writes the text; there an entry is only its start in
-// the output. An entry learnt at a step is the previous phrase and the first
+// Decoding runs in three passes. The first reads the bits into a list of
+// codes: the dictionary's size and the code width evolve independently of
+// the text, so the whole stream is read before any look-up. The second learns
+// the length of every dictionary entry and of the text, so the output is made
+// once at its size and a text beyond the limit is refused before any of it is
+// built. The third writes the text; there an entry is only its start in the
+// output. An entry learnt at a step is the previous phrase and the first
 // character of the current one, which lie side by side in the output: it ends
-// one character after where the next learnt entry starts. Literal entries
-// carry kLiteral.
-constexpr uint32_t kLiteral = 0x80000000u;
+// one character after where the next learnt entry starts. The last two passes
+// look entries up at random; knowing the codes, they fetch memory ahead.
+constexpr uint32_t kLiteral = 0x80000000u; // a literal: the flag and its character; else a code >= 3
 constexpr size_t kSlack = 8; // characters a copy may write past its phrase
+constexpr size_t kAhead = 16;
 
 struct Header {
     bool hasFirst = false; // false: header 3, an empty first phrase
@@ -177,73 +212,51 @@ struct Header {
 };
 
 template <typename Reader>
-End ReadHeader(Reader& reader, Header& header)
+End ReadCodes(Reader reader, Header& header, size_t& count)
 {
+    count = 0;
     switch (reader.Read(2)) {
     case 0:
         header.hasFirst = true;
         header.first = static_cast<char16_t>(reader.Read(8));
-        return End::Text;
+        break;
     case 1:
         header.hasFirst = true;
         header.first = static_cast<char16_t>(reader.Read(16));
-        return End::Text;
+        break;
     case 2:
         return End::Empty;
     default:
-        return End::Text; // 3: tolerated
+        break; // 3: tolerated
     }
-}
-
-template <typename Reader>
-End Measure(Reader reader, qint64 limit, uint64_t& size)
-{
-    Header header;
-    if (ReadHeader(reader, header) == End::Empty)
-        return End::Empty;
-    uint32_t* lengths = t_table.Ensure(4096);
-    size_t capacity = t_table.entries.size();
-    lengths[3] = header.hasFirst ? 1 : 0;
-    uint32_t w = lengths[3];
-    uint64_t total = w;
+    uint32_t* codes = t_codes.Ensure(4096, 0);
+    size_t capacity = t_codes.size;
     uint32_t dictSize = 4;
     int32_t enlargeIn = 4;
     int numBits = 3;
     for (;;) {
         if (reader.Exhausted())
             return End::Empty; // ended before its end marker: nothing decoded counts
-        if (dictSize + 2 >= capacity) {
-            lengths = t_table.Ensure(size_t(dictSize) + 2);
-            capacity = t_table.entries.size();
+        if (count == capacity) {
+            codes = t_codes.Ensure(count + 1, count);
+            capacity = t_codes.size;
         }
-        uint32_t code = reader.Read(numBits);
-        uint32_t entry;
+        const uint32_t code = reader.Read(numBits);
         if (code < 2) {
-            reader.Read(code == 0 ? 8 : 16);
-            lengths[dictSize] = 1;
-            code = dictSize++;
+            codes[count++] = kLiteral | reader.Read(code == 0 ? 8 : 16);
+            ++dictSize;
             if (--enlargeIn == 0) {
                 enlargeIn = int32_t(1) << numBits;
                 ++numBits;
             }
-            entry = 1;
         } else if (code == 2) {
-            size = total;
             return End::Text;
-        } else if (code < dictSize) {
-            entry = lengths[code];
-            if (entry == 0)
-                return End::Null;
-        } else if (code == dictSize) {
-            entry = w ? w + 1 : 0; // a phrase that refers to itself
-        } else {
+        } else if (code > dictSize) {
             return End::Null; // beyond the next free code
+        } else {
+            codes[count++] = code;
         }
-        total += entry;
-        if (total > uint64_t(limit))
-            return End::Null; // stops before the oversized text is built
-        lengths[dictSize++] = w + (entry ? 1u : 0u);
-        w = entry;
+        ++dictSize;
         if (--enlargeIn == 0) {
             enlargeIn = int32_t(1) << numBits;
             ++numBits;
@@ -251,6 +264,39 @@ End Measure(Reader reader, qint64 limit, uint64_t& size)
         if (numBits > 31)
             return End::Null; // no real stream grows codes this wide
     }
+}
+
+// Null when a code names an empty entry or the text outgrows \a limit.
+End Measure(const Header& header, const uint32_t* codes, size_t count, uint32_t* lengths, qint64 limit,
+            uint64_t& size)
+{
+    lengths[3] = header.hasFirst ? 1 : 0;
+    uint32_t w = lengths[3];
+    uint64_t total = w;
+    uint32_t dictSize = 4;
+    for (size_t i = 0; i < count; ++i) {
+        if (i + kAhead < count && !(codes[i + kAhead] & kLiteral))
+            Prefetch(lengths + codes[i + kAhead]);
+        const uint32_t code = codes[i];
+        uint32_t entry;
+        if (code & kLiteral) {
+            lengths[dictSize++] = 1;
+            entry = 1;
+        } else if (code < dictSize) {
+            entry = lengths[code];
+            if (entry == 0)
+                return End::Null;
+        } else {
+            entry = w ? w + 1 : 0; // a phrase that refers to itself
+        }
+        total += entry;
+        if (total > uint64_t(limit))
+            return End::Null; // stops before the oversized text is built
+        lengths[dictSize++] = w + (entry ? 1u : 0u);
+        w = entry;
+    }
+    size = total;
+    return End::Text;
 }
 
 // Copies a phrase 8 characters at a time into the slack after it. The source
@@ -265,33 +311,30 @@ inline void CopyPhrase(char16_t* target, const char16_t* source, uint32_t length
     }
 }
 
-template <typename Reader>
-void Write(Reader reader, char16_t* out, uint32_t* starts)
+void Write(const Header& header, const uint32_t* codes, size_t count, char16_t* out, uint32_t* starts)
 {
-    Header header;
-    ReadHeader(reader, header);
     uint32_t at = 0;
     if (header.hasFirst)
         out[at++] = header.first;
     starts[3] = kLiteral;
     uint32_t previous = 0; // where the previous phrase starts
     uint32_t dictSize = 4;
-    int32_t enlargeIn = 4;
-    int numBits = 3;
     starts[4] = 0;
-    for (;;) {
-        uint32_t code = reader.Read(numBits);
+    for (size_t i = 0; i < count; ++i) {
+        // Two steps ahead: the entry, then the text it points to.
+        if (i + kAhead < count && !(codes[i + kAhead] & kLiteral))
+            Prefetch(starts + codes[i + kAhead]);
+        if (i + kAhead / 2 < count) {
+            const uint32_t soon = codes[i + kAhead / 2];
+            if (!(soon & kLiteral) && soon < dictSize)
+                Prefetch(out + (starts[soon] & ~kLiteral));
+        }
+        const uint32_t code = codes[i];
         uint32_t length;
-        if (code < 2) {
-            out[at] = static_cast<char16_t>(reader.Read(code == 0 ? 8 : 16));
+        if (code & kLiteral) {
+            out[at] = static_cast<char16_t>(code);
             starts[dictSize++] = at | kLiteral;
-            if (--enlargeIn == 0) {
-                enlargeIn = int32_t(1) << numBits;
-                ++numBits;
-            }
             length = 1;
-        } else if (code == 2) {
-            return;
         } else {
             uint32_t from;
             if (code < dictSize) {
@@ -319,26 +362,27 @@ void Write(Reader reader, char16_t* out, uint32_t* starts)
         ++dictSize;
         previous = at;
         at += length;
-        if (--enlargeIn == 0) {
-            enlargeIn = int32_t(1) << numBits;
-            ++numBits;
-        }
     }
 }
 
 template <typename Reader>
 QString Decode(const QChar* data, int length, int resetValue, qint64 limit)
 {
-    TableRelease release;
-    const Reader reader(data, length, resetValue);
+    ScratchRelease release;
+    Header header;
+    size_t count = 0;
+    const End end = ReadCodes(Reader(data, length, resetValue), header, count);
+    const uint32_t* codes = t_codes.words.get();
+    // At most two entries a code, after the 4 fixed ones, and the provisional one.
+    uint32_t* table = t_table.Ensure(2 * count + 8, 0);
     uint64_t size = 0;
-    const End end = Measure(reader, limit, size);
-    if (end == End::Null)
+    // A stream that breaks off still fails as Null where a code before the break does.
+    if (Measure(header, codes, count, table, limit, size) == End::Null)
         return QString();
-    if (end == End::Empty)
-        return EmptyText();
+    if (end != End::Text)
+        return end == End::Null ? QString() : EmptyText();
     QString text(static_cast<int>(size + kSlack), Qt::Uninitialized);
-    Write(reader, reinterpret_cast<char16_t*>(text.data()), t_table.entries.data());
+    Write(header, codes, count, reinterpret_cast<char16_t*>(text.data()), table);
     text.resize(static_cast<int>(size)); // shrinking keeps the buffer
     return text;
 }

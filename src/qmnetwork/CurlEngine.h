@@ -2,6 +2,8 @@
 
 #include <curl/curl.h>
 
+#include "qmmemberwebservice_export.h"
+
 #include <QObject>
 
 #include <atomic>
@@ -57,7 +59,7 @@ constexpr int64_t kDefaultMaxReplyBytes = int64_t(64) << 20;
 struct Trust;
 struct Handle;
 
-class Engine
+class QMMEMBERWEBSERVICE_EXPORT Engine
 {
 public:
     static Engine& Instance();
