@@ -2,7 +2,7 @@
 // synchronous keep-alive GETs (median, p99), a new connection in a warm process,
 // the first call of a fresh process, and asynchronous throughput at 1, 10 and 100
 // requests in flight against a bare curl multi loop with the same connection cap.
-// Usage: bench_pipeline [--calls N] [--rounds N] [--json]   (QM_API_HOST and QM_CA_FILE name the server)
+// Usage: bench_pipeline [--calls N] [--rounds N] [--async-only] [--json]   (QM_API_HOST and QM_CA_FILE name the server)
 #include "QMMemberWebService.h"
 
 #include "qmnetwork/CurlEngine.h"
@@ -242,6 +242,7 @@ int main(int argc, char** argv)
         return FirstCall(args.value(2), host.toStdString(), ca.toStdString());
 
     const bool json = args.contains(QStringLiteral("--json"));
+    const bool asyncOnly = args.contains(QStringLiteral("--async-only"));
     const int calls = qMax(1000, args.value(args.indexOf(QStringLiteral("--calls")) + 1).toInt());
     const int rounds = qMax(3, args.value(args.indexOf(QStringLiteral("--rounds")) + 1).toInt());
     QTemporaryDir store;
@@ -285,7 +286,7 @@ int main(int argc, char** argv)
     long rssAfter1000 = 0;
     QElapsedTimer clock;
     int done = 0;
-    while (done < calls) {
+    while (!asyncOnly && done < calls) {
         for (int i = 0; i < 500 && done < calls; ++i, ++done) {
             clock.start();
             ours(false);
@@ -318,7 +319,7 @@ int main(int argc, char** argv)
 
     // Fresh processes, alternating.
     std::vector<double> oursFirst, curlFirst;
-    for (int i = 0; i < 2 * rounds + 1; ++i) {
+    for (int i = 0; !asyncOnly && i < 2 * rounds + 1; ++i) {
         for (const char* kind : {"ours", "curl"}) {
             QProcess child;
             child.start(application.applicationFilePath(), {"--first-call", kind});
