@@ -108,12 +108,11 @@ public:
         const uint32_t value = static_cast<uint32_t>(m_buffer & ((uint64_t(1) << count) - 1));
         m_buffer >>= count;
         m_available -= count;
-        m_consumed += static_cast<uint64_t>(count);
         return value;
     }
 
     // The description's "index > length": every bit of the input has been read.
-    bool Exhausted() const { return m_consumed >= m_limitBits; }
+    bool Exhausted() const { return m_next * 15 - uint64_t(m_available) >= m_limitBits; }
 
 private:
     void Refill()
@@ -134,7 +133,6 @@ private:
     uint64_t m_buffer = 0;
     int m_available = 0;
     uint64_t m_next = 0;
-    uint64_t m_consumed = 0;
 };
 
 // Asks for memory that will be read soon; a hint only.
@@ -150,32 +148,34 @@ inline void Prefetch(const void* address)
 }
 
 // Scratch memory kept per thread, so that a decode does not fault in fresh
-// pages; up to 8 MiB each is kept between calls.
+// pages. A buffer is kept while a call touches at most 8 MiB of it; pages
+// beyond what calls touch are never made resident.
 constexpr size_t kKeptWords = size_t(2) << 20;
 
 struct Scratch {
     std::unique_ptr<uint32_t[]> words;
     size_t size = 0;
+    size_t used = 0; // words the last call touched
 
-    // Room for \a count words; the first \a used survive a move.
-    uint32_t* Ensure(size_t count, size_t used)
+    // Room for \a count words; the first \a keep survive a move.
+    uint32_t* Ensure(size_t count, size_t keep)
     {
         if (size < count) {
-            const size_t grown = count < 4096 ? 4096 : count * 2;
-            std::unique_ptr<uint32_t[]> fresh(new uint32_t[grown]);
-            if (used)
-                std::memcpy(fresh.get(), words.get(), used * sizeof(uint32_t));
+            std::unique_ptr<uint32_t[]> fresh(new uint32_t[count]);
+            if (keep)
+                std::memcpy(fresh.get(), words.get(), keep * sizeof(uint32_t));
             words = std::move(fresh);
-            size = grown;
+            size = count;
         }
         return words.get();
     }
     void Trim()
     {
-        if (size > kKeptWords) {
+        if (used > kKeptWords) {
             words.reset();
             size = 0;
         }
+        used = 0;
     }
 };
 
@@ -205,6 +205,7 @@ enum class End { Text, Empty, Null };
 constexpr uint32_t kLiteral = 0x80000000u; // a literal: the flag and its character; else a code >= 3
 constexpr size_t kSlack = 8; // characters a copy may write past its phrase
 constexpr size_t kAhead = 16;
+constexpr size_t kFetchFrom = 16384; // codes
 
 struct Header {
     bool hasFirst = false; // false: header 3, an empty first phrase
@@ -212,43 +213,48 @@ struct Header {
 };
 
 template <typename Reader>
-End ReadCodes(Reader reader, Header& header, size_t& count)
+End ReadHeader(Reader& reader, Header& header)
 {
-    count = 0;
     switch (reader.Read(2)) {
     case 0:
         header.hasFirst = true;
         header.first = static_cast<char16_t>(reader.Read(8));
-        break;
+        return End::Text;
     case 1:
         header.hasFirst = true;
         header.first = static_cast<char16_t>(reader.Read(16));
-        break;
+        return End::Text;
     case 2:
         return End::Empty;
     default:
-        break; // 3: tolerated
+        return End::Text; // 3: tolerated
     }
-    uint32_t* codes = t_codes.Ensure(4096, 0);
+}
+
+template <typename Reader>
+End ReadCodes(Reader reader, size_t length, Header& header, size_t& count)
+{
+    count = 0;
+    if (ReadHeader(reader, header) == End::Empty)
+        return End::Empty;
+    // Once codes are 15 bits or wider there are fewer of them than input characters.
+    uint32_t* codes = t_codes.Ensure(length + 64, 0);
     size_t capacity = t_codes.size;
+    // The code width grows by a bit whenever the dictionary's size reaches a power of two.
     uint32_t dictSize = 4;
-    int32_t enlargeIn = 4;
     int numBits = 3;
     for (;;) {
         if (reader.Exhausted())
             return End::Empty; // ended before its end marker: nothing decoded counts
         if (count == capacity) {
-            codes = t_codes.Ensure(count + 1, count);
+            codes = t_codes.Ensure(count * 2, count);
             capacity = t_codes.size;
         }
         const uint32_t code = reader.Read(numBits);
         if (code < 2) {
             codes[count++] = kLiteral | reader.Read(code == 0 ? 8 : 16);
-            ++dictSize;
-            if (--enlargeIn == 0) {
-                enlargeIn = int32_t(1) << numBits;
+            if (++dictSize == uint32_t(1) << numBits)
                 ++numBits;
-            }
         } else if (code == 2) {
             return End::Text;
         } else if (code > dictSize) {
@@ -256,26 +262,24 @@ End ReadCodes(Reader reader, Header& header, size_t& count)
         } else {
             codes[count++] = code;
         }
-        ++dictSize;
-        if (--enlargeIn == 0) {
-            enlargeIn = int32_t(1) << numBits;
+        if (++dictSize == uint32_t(1) << numBits)
             ++numBits;
-        }
         if (numBits > 31)
             return End::Null; // no real stream grows codes this wide
     }
 }
 
 // Null when a code names an empty entry or the text outgrows \a limit.
+template <bool kFetch>
 End Measure(const Header& header, const uint32_t* codes, size_t count, uint32_t* lengths, qint64 limit,
-            uint64_t& size)
+            uint64_t& size, size_t& entries)
 {
     lengths[3] = header.hasFirst ? 1 : 0;
     uint32_t w = lengths[3];
     uint64_t total = w;
     uint32_t dictSize = 4;
     for (size_t i = 0; i < count; ++i) {
-        if (i + kAhead < count && !(codes[i + kAhead] & kLiteral))
+        if (kFetch && i + kAhead < count && !(codes[i + kAhead] & kLiteral))
             Prefetch(lengths + codes[i + kAhead]);
         const uint32_t code = codes[i];
         uint32_t entry;
@@ -284,17 +288,22 @@ End Measure(const Header& header, const uint32_t* codes, size_t count, uint32_t*
             entry = 1;
         } else if (code < dictSize) {
             entry = lengths[code];
-            if (entry == 0)
+            if (entry == 0) {
+                entries = dictSize;
                 return End::Null;
+            }
         } else {
             entry = w ? w + 1 : 0; // a phrase that refers to itself
         }
         total += entry;
-        if (total > uint64_t(limit))
+        if (total > uint64_t(limit)) {
+            entries = dictSize;
             return End::Null; // stops before the oversized text is built
+        }
         lengths[dictSize++] = w + (entry ? 1u : 0u);
         w = entry;
     }
+    entries = dictSize;
     size = total;
     return End::Text;
 }
@@ -311,6 +320,7 @@ inline void CopyPhrase(char16_t* target, const char16_t* source, uint32_t length
     }
 }
 
+template <bool kFetch>
 void Write(const Header& header, const uint32_t* codes, size_t count, char16_t* out, uint32_t* starts)
 {
     uint32_t at = 0;
@@ -322,9 +332,9 @@ void Write(const Header& header, const uint32_t* codes, size_t count, char16_t* 
     starts[4] = 0;
     for (size_t i = 0; i < count; ++i) {
         // Two steps ahead: the entry, then the text it points to.
-        if (i + kAhead < count && !(codes[i + kAhead] & kLiteral))
+        if (kFetch && i + kAhead < count && !(codes[i + kAhead] & kLiteral))
             Prefetch(starts + codes[i + kAhead]);
-        if (i + kAhead / 2 < count) {
+        if (kFetch && i + kAhead / 2 < count) {
             const uint32_t soon = codes[i + kAhead / 2];
             if (!(soon & kLiteral) && soon < dictSize)
                 Prefetch(out + (starts[soon] & ~kLiteral));
@@ -371,18 +381,29 @@ QString Decode(const QChar* data, int length, int resetValue, qint64 limit)
     ScratchRelease release;
     Header header;
     size_t count = 0;
-    const End end = ReadCodes(Reader(data, length, resetValue), header, count);
+    const End end = ReadCodes(Reader(data, length, resetValue), size_t(length), header, count);
     const uint32_t* codes = t_codes.words.get();
+    t_codes.used = count;
     // At most two entries a code, after the 4 fixed ones, and the provisional one.
     uint32_t* table = t_table.Ensure(2 * count + 8, 0);
     uint64_t size = 0;
+    size_t entries = 5;
+    // Small streams stay in the cache: fetching ahead would only cost there.
+    const bool fetch = count > kFetchFrom;
+    const End measured = fetch ? Measure<true>(header, codes, count, table, limit, size, entries)
+                               : Measure<false>(header, codes, count, table, limit, size, entries);
+    t_table.used = entries + 2;
     // A stream that breaks off still fails as Null where a code before the break does.
-    if (Measure(header, codes, count, table, limit, size) == End::Null)
+    if (measured == End::Null)
         return QString();
     if (end != End::Text)
         return end == End::Null ? QString() : EmptyText();
     QString text(static_cast<int>(size + kSlack), Qt::Uninitialized);
-    Write(header, codes, count, reinterpret_cast<char16_t*>(text.data()), table);
+    char16_t* out = reinterpret_cast<char16_t*>(text.data());
+    if (fetch)
+        Write<true>(header, codes, count, out, table);
+    else
+        Write<false>(header, codes, count, out, table);
     text.resize(static_cast<int>(size)); // shrinking keeps the buffer
     return text;
 }
