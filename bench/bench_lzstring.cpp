@@ -2,7 +2,8 @@
 // Commands on stdin, one a line, each answered with one line:
 //   load FILE      -> "ok CHARS"            (UTF-16LE lz-string text)
 //   hash I         -> "SHA256 CHARS"        (of input I's decoded text as UTF-16LE)
-//   run I N        -> N decode times in ns, then "| FAULTS" (minor page faults a decode)
+//   run I N        -> N decode times in ns, "| FAULTS" (minor page faults a decode), then
+//                     "| " and N thread CPU times in ns (what a busy machine's preemption leaves out)
 // bench_lzstring --peak FILE -> "PEAK_BYTES OUTPUT_BYTES": resident memory one decode adds at most.
 #include "LZString/LZString.h"
 
@@ -12,6 +13,7 @@
 #include <sys/resource.h>
 
 #include <chrono>
+#include <ctime>
 #include <cstdio>
 #include <cstring>
 #include <iostream>
@@ -40,6 +42,13 @@ long StatusKiB(const char* field)
             return line.mid(int(std::strlen(field))).trimmed().split(' ').first().toLong();
     }
     return -1;
+}
+
+long long ThreadCpuNs()
+{
+    timespec now{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+    return now.tv_sec * 1000000000LL + now.tv_nsec;
 }
 
 long MinorFaults()
@@ -97,17 +106,21 @@ int main(int argc, char** argv)
             const QString& input = inputs.at(index);
             const long faults = MinorFaults();
             std::string out;
+            std::string cpu;
             for (int i = 0; i < count; ++i) {
+                const long long cpuStart = ThreadCpuNs();
                 const auto start = std::chrono::steady_clock::now();
                 const QString text = LZString::decompressFromUTF16(input);
                 const auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(
                                     std::chrono::steady_clock::now() - start)
                                     .count();
+                const long long cpuNs = ThreadCpuNs() - cpuStart;
                 if (text.isEmpty())
                     return 1;
                 out += std::to_string(ns) + " ";
+                cpu += std::to_string(cpuNs) + " ";
             }
-            std::printf("%s| %.1f\n", out.c_str(), double(MinorFaults() - faults) / count);
+            std::printf("%s| %.1f | %s\n", out.c_str(), double(MinorFaults() - faults) / count, cpu.c_str());
         } else {
             std::printf("unknown command\n");
         }

@@ -148,11 +148,15 @@ inline void Prefetch(const void* address)
 }
 
 // Scratch memory kept per thread, so that a decode does not fault in fresh
-// pages. A buffer is kept while a call touches at most 8 MiB of it; pages
-// beyond what calls touch are never made resident.
-constexpr size_t kKeptWords = size_t(2) << 20;
-
+// pages. A buffer is kept while a call touches at most 8 MiB of it (the
+// dictionary 16 MiB: enough for a 10 MB reply); pages beyond what calls
+// touch are never made resident.
 struct Scratch {
+    explicit Scratch(size_t keptWords)
+        : kept(keptWords)
+    {
+    }
+    size_t kept;
     std::unique_ptr<uint32_t[]> words;
     size_t size = 0;
     size_t used = 0; // words the last call touched
@@ -171,7 +175,7 @@ struct Scratch {
     }
     void Trim()
     {
-        if (used > kKeptWords) {
+        if (used > kept) {
             words.reset();
             size = 0;
         }
@@ -179,8 +183,8 @@ struct Scratch {
     }
 };
 
-thread_local Scratch t_codes;
-thread_local Scratch t_table;
+thread_local Scratch t_codes(size_t(2) << 20);
+thread_local Scratch t_table(size_t(4) << 20);
 
 struct ScratchRelease {
     ~ScratchRelease()
@@ -206,6 +210,12 @@ constexpr uint32_t kLiteral = 0x80000000u; // a literal: the flag and its charac
 constexpr size_t kSlack = 8; // characters a copy may write past its phrase
 constexpr size_t kAhead = 16;
 constexpr size_t kFetchFrom = 16384; // codes
+
+// A dictionary entry: a run of the output already written.
+struct Span {
+    uint32_t offset;
+    uint32_t length;
+};
 
 struct Header {
     bool hasFirst = false; // false: header 3, an empty first phrase
@@ -271,25 +281,25 @@ End ReadCodes(Reader reader, size_t length, Header& header, size_t& count)
 
 // Null when a code names an empty entry or the text outgrows \a limit.
 template <bool kFetch>
-End Measure(const Header& header, const uint32_t* codes, size_t count, uint32_t* lengths, qint64 limit,
-            uint64_t& size, size_t& entries)
+End Measure(const Header& header, const uint32_t* codes, size_t count, Span* entries, qint64 limit,
+            uint64_t& size, size_t& used)
 {
-    lengths[3] = header.hasFirst ? 1 : 0;
-    uint32_t w = lengths[3];
+    entries[3].length = header.hasFirst ? 1 : 0;
+    uint32_t w = entries[3].length;
     uint64_t total = w;
     uint32_t dictSize = 4;
     for (size_t i = 0; i < count; ++i) {
         if (kFetch && i + kAhead < count && !(codes[i + kAhead] & kLiteral))
-            Prefetch(lengths + codes[i + kAhead]);
+            Prefetch(entries + codes[i + kAhead]);
         const uint32_t code = codes[i];
         uint32_t entry;
         if (code & kLiteral) {
-            lengths[dictSize++] = 1;
+            entries[dictSize++].length = 1;
             entry = 1;
         } else if (code < dictSize) {
-            entry = lengths[code];
+            entry = entries[code].length;
             if (entry == 0) {
-                entries = dictSize;
+                used = dictSize;
                 return End::Null;
             }
         } else {
@@ -297,13 +307,13 @@ End Measure(const Header& header, const uint32_t* codes, size_t count, uint32_t*
         }
         total += entry;
         if (total > uint64_t(limit)) {
-            entries = dictSize;
+            used = dictSize;
             return End::Null; // stops before the oversized text is built
         }
-        lengths[dictSize++] = w + (entry ? 1u : 0u);
+        entries[dictSize++].length = w + (entry ? 1u : 0u);
         w = entry;
     }
-    entries = dictSize;
+    used = dictSize;
     size = total;
     return End::Text;
 }
@@ -320,56 +330,46 @@ inline void CopyPhrase(char16_t* target, const char16_t* source, uint32_t length
     }
 }
 
+// Every entry's length is known from the measuring pass; this one adds where
+// each starts in the output.
 template <bool kFetch>
-void Write(const Header& header, const uint32_t* codes, size_t count, char16_t* out, uint32_t* starts)
+void Write(const Header& header, const uint32_t* codes, size_t count, char16_t* out, Span* entries)
 {
     uint32_t at = 0;
     if (header.hasFirst)
         out[at++] = header.first;
-    starts[3] = kLiteral;
+    entries[3].offset = 0;
     uint32_t previous = 0; // where the previous phrase starts
     uint32_t dictSize = 4;
-    starts[4] = 0;
     for (size_t i = 0; i < count; ++i) {
         // Two steps ahead: the entry, then the text it points to.
         if (kFetch && i + kAhead < count && !(codes[i + kAhead] & kLiteral))
-            Prefetch(starts + codes[i + kAhead]);
+            Prefetch(entries + codes[i + kAhead]);
         if (kFetch && i + kAhead / 2 < count) {
             const uint32_t soon = codes[i + kAhead / 2];
             if (!(soon & kLiteral) && soon < dictSize)
-                Prefetch(out + (starts[soon] & ~kLiteral));
+                Prefetch(out + entries[soon].offset);
         }
         const uint32_t code = codes[i];
         uint32_t length;
         if (code & kLiteral) {
             out[at] = static_cast<char16_t>(code);
-            starts[dictSize++] = at | kLiteral;
+            entries[dictSize++].offset = at;
             length = 1;
+        } else if (code < dictSize) {
+            const Span entry = entries[code];
+            CopyPhrase(out + at, out + entry.offset, entry.length);
+            length = entry.length;
         } else {
-            uint32_t from;
-            if (code < dictSize) {
-                const uint32_t start = starts[code];
-                if (start & kLiteral) {
-                    from = start & ~kLiteral;
-                    length = 1;
-                } else {
-                    const uint32_t next = starts[code + 1];
-                    length = ((next & kLiteral) ? starts[code + 2] : next) + 1 - start;
-                    from = start;
-                }
-            } else {
-                from = previous; // w and its own first character
-                length = at - previous;
-            }
-            CopyPhrase(out + at, out + from, length);
-            if (code >= dictSize && length) {
+            length = at - previous; // w and its own first character
+            CopyPhrase(out + at, out + previous, length);
+            if (length) {
                 out[at + length] = out[previous];
                 ++length;
             }
         }
-        starts[dictSize] = previous;
-        starts[dictSize + 1] = at; // provisional: where the next learnt entry starts
-        ++dictSize;
+        // The previous phrase and the first character of this one.
+        entries[dictSize++].offset = previous;
         previous = at;
         at += length;
     }
@@ -384,15 +384,16 @@ QString Decode(const QChar* data, int length, int resetValue, qint64 limit)
     const End end = ReadCodes(Reader(data, length, resetValue), size_t(length), header, count);
     const uint32_t* codes = t_codes.words.get();
     t_codes.used = count;
-    // At most two entries a code, after the 4 fixed ones, and the provisional one.
-    uint32_t* table = t_table.Ensure(2 * count + 8, 0);
+    // At most two entries a code, after the 4 fixed ones.
+    static_assert(sizeof(Span) == 2 * sizeof(uint32_t), "a span is two words");
+    Span* table = reinterpret_cast<Span*>(t_table.Ensure(2 * (2 * count + 8), 0));
     uint64_t size = 0;
-    size_t entries = 5;
+    size_t entries = 4;
     // Small streams stay in the cache: fetching ahead would only cost there.
     const bool fetch = count > kFetchFrom;
     const End measured = fetch ? Measure<true>(header, codes, count, table, limit, size, entries)
                                : Measure<false>(header, codes, count, table, limit, size, entries);
-    t_table.used = entries + 2;
+    t_table.used = 2 * entries;
     // A stream that breaks off still fails as Null where a code before the break does.
     if (measured == End::Null)
         return QString();
