@@ -185,6 +185,8 @@ Method MethodOf(const std::string& name)
     return Get;
 }
 
+const char* const kRefusedHeader = "a header value holding CR, LF or NUL was refused";
+
 // A value with CR, LF or NUL would end its header line and start one of its own.
 bool HeadersAreClean(const std::vector<std::string>& lines)
 {
@@ -500,12 +502,20 @@ unsigned int Engine::MapError(CURLcode code, const Handle& handle)
     }
 }
 
+std::string Engine::ErrorText(CURLcode code, const Handle& handle)
+{
+    if (handle.overflow || code == CURLE_FILESIZE_EXCEEDED)
+        return "reply larger than the limit of " + std::to_string(handle.limit) + " bytes";
+    return handle.errors[0] ? handle.errors : curl_easy_strerror(code);
+}
+
 Outcome Engine::Perform(const Exchange& exchange)
 {
     Outcome outcome;
     if (!HeadersAreClean(exchange.headers)) {
         qCWarning(lcNet) << "QMNet::Engine refuses a header value holding CR, LF or NUL; nothing sent";
         outcome.netError = InternalError;
+        outcome.errorText = kRefusedHeader;
         return outcome;
     }
     const std::shared_ptr<Trust> trust = CurrentTrust();
@@ -532,6 +542,7 @@ Outcome Engine::Perform(const Exchange& exchange)
     Finish(*handle, code, outcome);
     if (code != CURLE_OK) {
         outcome.netError = MapError(code, *handle);
+        outcome.errorText = ErrorText(code, *handle);
         qCDebug(lcNet) << "QMNet::Engine::Perform" << curl_easy_strerror(code) << handle->errors;
     }
     handle->body = nullptr;
@@ -552,6 +563,7 @@ void Engine::Submit(std::shared_ptr<AsyncJob> job)
     if (!HeadersAreClean(job->exchange.headers)) {
         qCWarning(lcNet) << "QMNet::Engine refuses a header value holding CR, LF or NUL; nothing sent";
         job->outcome.netError = InternalError;
+        job->outcome.errorText = kRefusedHeader;
         job->Deliver();
         return;
     }
@@ -657,6 +669,7 @@ void Engine::RunAsyncLoop()
             Finish(*handle, code, job->outcome);
             if (code != CURLE_OK) {
                 job->outcome.netError = MapError(code, *handle);
+                job->outcome.errorText = ErrorText(code, *handle);
                 qCDebug(lcNet) << "QMNet::Engine async" << curl_easy_strerror(code) << handle->errors;
             }
             job->easy = nullptr;

@@ -36,6 +36,7 @@ struct Outcome {
     bool completed = false;
     long httpStatus = 0;
     unsigned int netError = 0;
+    std::string errorText; // libcurl's words for a failed exchange
     std::string body;
     std::string headers;
 };
@@ -90,6 +91,7 @@ private:
     static void FreeHandle(Handle* handle);
     void Configure(Handle& handle, const Exchange& exchange, Outcome& outcome);
     static unsigned int MapError(CURLcode code, const Handle& handle);
+    static std::string ErrorText(CURLcode code, const Handle& handle);
     void RunAsyncLoop();
 
     std::atomic<int64_t> m_maxReply{kDefaultMaxReplyBytes};

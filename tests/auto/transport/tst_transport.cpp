@@ -97,15 +97,16 @@ private slots:
         std::wstring headers;
         QElapsedTimer clock;
         clock.start();
-        QVERIFY(!request.GetSync(host.c_str(), L"/qmtest/echo", reply, headers, nullptr, 300, false, nullptr, nullptr));
-        QVERIFY2(clock.elapsed() < 1000, qPrintable(QString::number(clock.elapsed())));
+        const unsigned int limit = 300 * kSanitizerSlowdown;
+        QVERIFY(!request.GetSync(host.c_str(), L"/qmtest/echo", reply, headers, nullptr, limit, false, nullptr, nullptr));
+        QVERIFY2(clock.elapsed() < 1000 * kSanitizerSlowdown, qPrintable(QString::number(clock.elapsed())));
         QCOMPARE(request.GetNetLastError(), netError);
 
         // The asynchronous road reports the same number.
         CHttpRequest async(nullptr, false);
         QSignalSpy errors(&async, &CHttpRequest::ErrorAsync);
-        async.GetAsync(host, L"/qmtest/echo", 300, false, L"application/json");
-        QVERIFY(errors.wait(5000));
+        async.GetAsync(host, L"/qmtest/echo", limit, false, L"application/json");
+        QVERIFY(errors.wait(5000 * kSanitizerSlowdown));
         QCOMPARE(errors.first().first().toUInt(), netError);
     }
 
@@ -238,7 +239,7 @@ private slots:
         QSignalSpy finished(&async, &CHttpRequest::FinishedAsync);
         QSignalSpy errors(&async, &CHttpRequest::ErrorAsync);
         async.GetAsync(m_host, L"/qmtest/echo", timeoutMs, false, L"application/json");
-        QTRY_VERIFY_WITH_TIMEOUT(finished.size() + errors.size() == 1, 5000);
+        QTRY_VERIFY_WITH_TIMEOUT(finished.size() + errors.size() == 1, 5000 * kSanitizerSlowdown);
         QCOMPARE(finished.size(), ok ? 1 : 0);
         if (!ok)
             QCOMPARE(errors.first().first().toUInt(), netError);
@@ -271,7 +272,7 @@ private slots:
         std::function<void(CHttpRequest&)> prepare = [](CHttpRequest&) {};
         if (kind == "body") {
             CQMNetworkCenter::SetMaxReplyBytes(4096);
-            QCOMPARE(LZString::OutputLimit(), 4096);
+            QCOMPARE(LZString::OutputLimit(), qint64(4096));
             m_server.Fault({{"path", "/qmtest/echo"}, {"http", 200}, {"body", QString(size, QLatin1Char('x'))}});
         } else if (kind == "delay") {
             m_server.Fault({{"path", "/qmtest/echo"}, {"delay_ms", 300}}); // neither 0 ms nor unsigned -1 ms
