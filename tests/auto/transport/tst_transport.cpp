@@ -137,6 +137,10 @@ private slots:
         constexpr int kCount = 100;
         QThread worker;
         worker.start();
+        const auto stopWorker = qScopeGuard([&worker] {
+            worker.quit();
+            worker.wait();
+        });
         std::vector<std::unique_ptr<CHttpRequest>> requests;
         std::map<CHttpRequest*, int> finished;
         int wrongThread = 0;
@@ -173,8 +177,6 @@ private slots:
             if (request->thread() != thread())
                 QMetaObject::invokeMethod(request.release(), &QObject::deleteLater);
         }
-        worker.quit();
-        worker.wait();
     }
 
     void deletingInFlightIsSafe()
