@@ -12,6 +12,8 @@
 #include <QStandardPaths>
 #include <QTextStream>
 
+#include <atomic>
+
 namespace {
 
 QMutex& FolderMutex()
@@ -19,6 +21,9 @@ QMutex& FolderMutex()
     static QMutex mutex;
     return mutex;
 }
+
+// Set by SetCacheFolderPath(""): the product cache stays off until a folder is set.
+std::atomic<bool> s_folderTurnedOff{false};
 
 QString PathOf(const QString& fileName)
 {
@@ -137,6 +142,11 @@ bool InstalledListModified(const ProductIDList& installed)
     return matches != installed.size();
 }
 
+bool FolderTurnedOff()
+{
+    return s_folderTurnedOff;
+}
+
 } // namespace QMCache
 
 // --- the service's members ----------------------------------------------------------
@@ -154,6 +164,7 @@ QString CQMMemberWebService::GetCacheFolderPath()
 void CQMMemberWebService::SetCacheFolderPath(QString path)
 {
     QMutexLocker lock(&FolderMutex());
+    s_folderTurnedOff = path.isEmpty();
     ms_kCacheFolderPath = std::move(path);
 }
 
