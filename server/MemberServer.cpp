@@ -235,10 +235,16 @@ void MemberServer::CountConnection(const Request& request)
 
 void MemberServer::LogRequest(const Request& request)
 {
-    const QJsonObject headers = SentHeaders(request.headers);
+    QJsonObject headers = SentHeaders(request.headers);
+    // A token in a query (the member redirect) and landing-page sessions never reach the log.
+    static const QRegularExpression tokenInQuery(QStringLiteral("([?&]Token=)[^&]*"),
+                                                 QRegularExpression::CaseInsensitiveOption);
+    const QString target = Text(request.target).replace(tokenInQuery, QStringLiteral("\\1<redacted>"));
+    if (headers.contains(QStringLiteral("Cookie")))
+        headers.insert(QStringLiteral("Cookie"), QStringLiteral("<redacted>"));
     QJsonObject entry{{QStringLiteral("method"), Text(request.method)},
                       {QStringLiteral("path"), Text(request.path)},
-                      {QStringLiteral("target"), Text(request.target)},
+                      {QStringLiteral("target"), target},
                       {QStringLiteral("headers"), headers},
                       {QStringLiteral("body"), Text(request.body)}};
     std::lock_guard<std::mutex> lock(m_faultMutex);
