@@ -455,17 +455,17 @@ CQMMemberWebService::EWSResult CQMMemberWebService::GetMemberRedirectLink(std::w
     case RT_PURCHASE_PAGE:
         if (link.empty() || token.empty() || languageId < 1)
             return WS_PARAM_FAIL;
+        // One pass: the encoded URL's own "%3A" must not be taken for a placeholder.
         query = QStringLiteral("?Url=%1&LID=%2&Token=%3&Type=%4")
-                    .arg(QString::fromLatin1(QUrl::toPercentEncoding(Q(link))))
-                    .arg(languageId)
-                    .arg(Q(token))
-                    .arg(int(type));
+                    .arg(QString::fromLatin1(QUrl::toPercentEncoding(Q(link))), QString::number(languageId), Q(token),
+                         QString::number(int(type)));
         break;
     case RT_MEMBER_ACCOUNT:
         if (token.empty() || languageId < 1)
             return WS_PARAM_FAIL;
         // The Url value stays empty: the account page needs no target.
-        query = QStringLiteral("?Url=&LID=%1&Token=%2&Type=%3").arg(languageId).arg(Q(token)).arg(int(type));
+        query = QStringLiteral("?Url=&LID=%1&Token=%2&Type=%3")
+                    .arg(QString::number(languageId), Q(token), QString::number(int(type)));
         break;
     default:
         return WS_PARAM_FAIL;
