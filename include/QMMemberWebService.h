@@ -182,6 +182,18 @@ public:
     static QString EncryptUrlScheme(const QString& text);
     static QString DecryptUrlScheme(const QString& token);
 
+    // --- transport diagnostics ----------------------------------------------------------
+    /// Why the last exchange that finished in the calling thread failed, for hosts that show
+    /// the cause of a failed call: 0 when it succeeded (or none ran yet), the HTTP status when
+    /// the server answered with a non-2xx status, else the transport's number (WinINet
+    /// numbering: 12002 time-out, 12007 host not resolved, 12029 connection refused, 12030
+    /// connection dropped, 12045 certificate not trusted, 12157 TLS failure, 12004 other).
+    /// Asynchronous calls record it in the thread that owns their request.
+    static unsigned int GetLastTransportError();
+    /// The words for GetLastTransportError(): libcurl's text ("SSL certificate problem: unable to
+    /// get local issuer certificate"), or "HTTP 503"; empty after success. Holds no secret.
+    static std::wstring GetLastTransportErrorText();
+
     // --- launcher services ------------------------------------------------------------
     /// Where a member redirect link leads (GetMemberRedirectLink).
     enum ERedirectType : int {
@@ -268,6 +280,11 @@ signals:
     void GetTokenFailed();
     void ServerBusy();
     void FinishRequest(const std::wstring& strService, const std::wstring& strReturnData, int nNetWorkError);
+    /// During a browser sign-in: a poll that got no answer from the server. \a netError and
+    /// \a text are what GetLastTransportError() and its text said on the polling thread;
+    /// \a failuresInRow counts such polls since the last answered one. Polling goes on; the host
+    /// may stop it with OnMemberLogInStop(). Comes in the thread of the object that started it.
+    void LoginPollFailed(unsigned int netError, QString text, int failuresInRow);
 
 public slots:
     void OnMemberLogInStop();

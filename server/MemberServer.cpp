@@ -1,11 +1,13 @@
 #include "MemberServer.h"
 
 #include "Certificates.h"
+#include "ConsoleLog.h"
 #include "LZStringEncoder.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QDateTime>
+#include <QLocale>
 #include <QRandomGenerator>
 #include <QRegularExpression>
 #include <QUrlQuery>
@@ -176,9 +178,18 @@ bool MemberServer::Start(std::string& error)
     m_server->set_pre_routing_handler(
         [this](const Request& request, Response& response) { return PreRoute(request, response); });
     m_server->set_post_routing_handler([this](const Request& request, Response& response) {
+        // Clients compare their clock with it (qmmember doctor).
+        response.set_header("Date", QLocale::c()
+                                        .toString(QDateTime::currentDateTimeUtc(), QStringLiteral("ddd, dd MMM yyyy HH:mm:ss 'GMT'"))
+                                        .toStdString());
         if (request.path.rfind("/admin/", 0) != 0 && request.path != "/qmtest/ping" && !response.has_header("X-QM-Fault"))
             LogRequest(request);
     });
+    if (m_options.logRequests) {
+        m_server->set_logger([](const Request& request, const Response& response) {
+            std::fprintf(stderr, "%s\n", ConsoleLogLine(request, response).c_str());
+        });
+    }
     AddRoutes();
     for (auto& area : m_areas)
         area->AddRoutes(*m_server, m_options.admin);

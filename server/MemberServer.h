@@ -22,6 +22,7 @@ struct ServerOptions {
     bool admin = false;
     int tokenTtlSeconds = 3600;
     std::vector<std::string> seeds; // each --seed, in order
+    bool logRequests = false;       // one line per request on standard error
 };
 
 class MemberServer;

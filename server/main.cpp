@@ -1,4 +1,5 @@
 // qmmember-server: the member API on 127.0.0.1 over HTTPS, for the demo and the tests.
+#include "ConsoleLog.h"
 #include "MemberServer.h"
 
 #include <QCoreApplication>
@@ -12,20 +13,31 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <iostream>
+#include <netinet/in.h>
 #include <pthread.h>
+#include <sys/socket.h>
 #include <thread>
+#include <unistd.h>
 
 namespace {
 
 const char* const kUsage =
     "usage: qmmember-server --state DIR [--port N] [--admin] [--token-ttl SECONDS] [--seed demo]\n"
+    "                       [--print-env] [--log-requests]\n"
     "  --state DIR        certificates and the SQLite database live here (made when missing)\n"
     "  --port N           port on 127.0.0.1; 0 (default) picks a free one\n"
     "  --admin            answer the /admin/ endpoints (fault injection, tokens, stats)\n"
     "  --token-ttl S      lifetime of access tokens in seconds (default 3600)\n"
     "  --seed demo        create the demo member demo@quillmarsh.test / demo-password\n"
-    "                     (and the demo world of every service area); may be repeated\n";
+    "                     (and the demo world of every service area); may be repeated\n"
+    "  --print-env        after the ready line, print the export lines for QM_API_HOST, QM_WEB_HOST\n"
+    "                     and QM_CA_FILE (done anyway when standard output is a terminal)\n"
+    "  --log-requests     one line per request on standard error, secrets redacted (done anyway\n"
+    "                     when standard error is a terminal)\n"
+    "  --version          the version\n"
+    "Started by hand without --port, it takes the port it had last time in DIR when that is free.\n";
 
 bool ParseNumber(const char* text, int& value)
 {
@@ -37,11 +49,34 @@ bool ParseNumber(const char* text, int& value)
     return true;
 }
 
+// The port saved by the last run by hand, when nothing listens on it now; else 0 (any).
+int FreeSavedPort(const std::string& file)
+{
+    int port = 0;
+    std::ifstream saved(file);
+    if (!(saved >> port) || port <= 0 || port > 65535)
+        return 0;
+    const int probe = ::socket(AF_INET, SOCK_STREAM, 0);
+    if (probe < 0)
+        return 0;
+    const int reuse = 1; // as the server's own bind does, so that old TIME_WAIT connections do not count
+    ::setsockopt(probe, SOL_SOCKET, SO_REUSEADDR, &reuse, sizeof reuse);
+    sockaddr_in address {};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<uint16_t>(port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const bool free = ::bind(probe, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+    ::close(probe);
+    return free ? port : 0;
+}
+
 } // namespace
 
 int main(int argc, char** argv)
 {
     ServerOptions options;
+    bool printEnv = false;
+    bool portGiven = false;
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
         const bool hasValue = i + 1 < argc;
@@ -50,6 +85,7 @@ int main(int argc, char** argv)
         } else if (arg == "--state" && hasValue) {
             options.stateDir = argv[++i];
         } else if (arg == "--port" && hasValue) {
+            portGiven = true;
             if (!ParseNumber(argv[++i], options.port) || options.port > 65535) {
                 std::cerr << "qmmember-server: --port takes a number from 0 to 65535\n";
                 return 2;
@@ -61,6 +97,13 @@ int main(int argc, char** argv)
             }
         } else if (arg == "--seed" && hasValue) {
             options.seeds.push_back(argv[++i]);
+        } else if (arg == "--print-env") {
+            printEnv = true;
+        } else if (arg == "--log-requests") {
+            options.logRequests = true;
+        } else if (arg == "--version") {
+            std::cout << "qmmember-server " QM_VERSION "\n";
+            return 0;
         } else if (arg == "--help" || arg == "-h") {
             std::cout << kUsage;
             return 0;
@@ -74,6 +117,14 @@ int main(int argc, char** argv)
         return 2;
     }
     options.stateDir = QDir(QString::fromLocal8Bit(options.stateDir.c_str())).absolutePath().toStdString();
+    // By hand: the export lines and the request log, and the same port as last time when free,
+    // so that the exported variables stay right across restarts.
+    const bool byHand = ::isatty(STDOUT_FILENO);
+    printEnv = printEnv || byHand;
+    options.logRequests = options.logRequests || ::isatty(STDERR_FILENO);
+    const std::string portFile = options.stateDir + "/last-port";
+    if (byHand && !portGiven)
+        options.port = FreeSavedPort(portFile);
 
     // Signals are taken by one thread with sigwait, so that stopping is an ordinary call.
     sigset_t stopSignals;
@@ -105,6 +156,14 @@ int main(int argc, char** argv)
                             {QStringLiteral("ca"), QString::fromStdString(server.CaFile())},
                             {QStringLiteral("pid"), static_cast<int>(::getpid())}};
     std::cout << QJsonDocument(ready).toJson(QJsonDocument::Compact).toStdString() << std::endl;
+    if (printEnv)
+        std::cout << ExportLines(server.Port(), server.CaFile()) << std::flush;
+    if (byHand) {
+        std::ofstream(portFile) << server.Port() << "\n";
+        std::cout << "# Paste the lines above into a shell for qmmember. A browser trusts the sign-in page once\n"
+                     "# the CA is imported (README: \"Trusting the development CA\"); Ctrl-C stops the server.\n"
+                  << std::flush;
+    }
 
     server.Run();
     finished = true;

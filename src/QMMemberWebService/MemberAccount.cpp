@@ -278,6 +278,10 @@ void CQMMemberWebService::MemberLogInPollingAsync(const std::wstring& guid, int 
                 this, [this, thread, result, text] { RelayLoginResult(result, text, thread); }, Qt::QueuedConnection);
         },
         Qt::DirectConnection);
+    connect(inner, &CQMMemberWebService::LoginPollFailed, this,
+            [this](unsigned int netError, QString text, int failuresInRow) {
+                emit LoginPollFailed(netError, text, failuresInRow);
+            });
     connect(inner, &CQMMemberWebService::LoginStatus, this, [this](int status) {
         qCDebug(lcService).nospace() << "CQMMemberWebService::LoginStatus = " << status;
         emit LoginStatus(status);
@@ -306,8 +310,14 @@ void CQMMemberWebService::OnMemberLogInPolling()
     StartLoginTimer(m_nLoginTimeLimitMs);
     m_bLoginPolling = true;
     std::wstring code;
+    int failuresInRow = 0;
     do {
         const EWSResult result = GetAuthorizationCode(m_strPollingGuid, code, 30000);
+        // The host hears of polls that do not reach the server, so that it can tell and give up.
+        if (const unsigned int netError = GetLastTransportError())
+            emit LoginPollFailed(netError, Q(GetLastTransportErrorText()), ++failuresInRow);
+        else
+            failuresInRow = 0;
         if (result == WS_LOGIN_STATUS_FAIL) {
             m_bLoginPolling = false; // LoginStatus has told the host
             break;

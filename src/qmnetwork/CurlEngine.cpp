@@ -283,6 +283,7 @@ Outcome Engine::Perform(const Exchange& exchange)
     Finish(easy, code, outcome);
     if (code != CURLE_OK) {
         outcome.netError = MapError(code);
+        outcome.errorText = errorBuffer[0] ? errorBuffer : curl_easy_strerror(code);
         qCDebug(lcNet) << "QMNet::Engine::Perform" << curl_easy_strerror(code) << errorBuffer;
     }
     curl_easy_setopt(easy, CURLOPT_HTTPHEADER, nullptr);
@@ -383,6 +384,7 @@ void Engine::RunAsyncLoop()
             Finish(easy, code, job->outcome);
             if (code != CURLE_OK) {
                 job->outcome.netError = MapError(code);
+                job->outcome.errorText = extras[easy]->errors[0] ? extras[easy]->errors : curl_easy_strerror(code);
                 qCDebug(lcNet) << "QMNet::Engine async" << curl_easy_strerror(code) << extras[easy]->errors;
             }
             job->easy = nullptr;

@@ -32,6 +32,7 @@ struct Outcome {
     bool completed = false;
     long httpStatus = 0;
     unsigned int netError = 0;
+    std::string errorText; // libcurl's words for a failed exchange
     std::string body;
     std::string headers;
 };

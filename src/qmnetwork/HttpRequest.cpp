@@ -3,6 +3,7 @@
 #include "CurlEngine.h"
 #include "QMNetworkCenter.h"
 #include "TextConvert.h"
+#include "TransportError.h"
 
 #include <QString>
 
@@ -193,6 +194,7 @@ void CHttpRequest::ApplyOutcome(const QMNet::Outcome& outcome)
     m_bReplyConverted = false;
     m_nLastError = outcome.netError;
     m_nHttpStatus = outcome.completed ? static_cast<int>(outcome.httpStatus) : 0;
+    QMNet::RecordThreadError(outcome);
 }
 
 void CHttpRequest::DeliverAsync(const QMNet::Outcome& outcome)

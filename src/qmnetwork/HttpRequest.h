@@ -81,6 +81,11 @@ public:
     /// Method and URL of the last exchange, for diagnostics; holds no header values.
     std::wstring GetParameters() const;
 
+    /// The error number and libcurl's words for the last exchange that finished in the calling
+    /// thread (sync calls: the caller's thread; async ones: the owner's). 0 and "" after success.
+    static unsigned int LastThreadError();
+    static std::string LastThreadErrorText();
+
     /// Stops an exchange in flight and disposes of this object in its own thread.
     void EndSocketThread();
 

@@ -17,6 +17,9 @@ bool ErrorIsTerminal();
 /// Echo is off before the prompt shows, so nothing typed after it is echoed.
 QString ReadHiddenLine(const char* prompt);
 
+/// New files of this process are made for the owner only (they may carry a token).
+void RestrictNewFiles();
+
 /// Calls \a handler in \a context's thread on Ctrl-C (or a termination request).
 bool OnInterrupt(QObject* context, std::function<void()> handler);
 

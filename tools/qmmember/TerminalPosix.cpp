@@ -5,6 +5,7 @@
 
 #include <csignal>
 #include <cstdio>
+#include <sys/stat.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -46,6 +47,11 @@ QString ReadHiddenLine(const char* prompt)
     ::tcsetattr(STDIN_FILENO, TCSAFLUSH, &saved);
     std::fputs("\n", stderr);
     return line;
+}
+
+void RestrictNewFiles()
+{
+    ::umask(077);
 }
 
 bool OnInterrupt(QObject* context, std::function<void()> handler)

@@ -48,6 +48,11 @@ QString ReadHiddenLine(const char* prompt)
     return line;
 }
 
+void RestrictNewFiles()
+{
+    // New files inherit the folder's access list, which is the user's own profile by default.
+}
+
 bool OnInterrupt(QObject* context, std::function<void()> handler)
 {
     g_context = context;
