@@ -256,6 +256,53 @@ private slots:
         }
     }
 
+    void purchases_data()
+    {
+        QTest::addColumn<bool>("demo");
+        QTest::addColumn<int>("full");
+        QTest::addColumn<bool>("sync");
+        QTest::addColumn<QStringList>("products");
+        const QStringList all{"AudioDesk", "ColorLab", "MotionLab", "PhotoDesk", "Pro", "Ultra"};
+        QTest::newRow("all licences") << true << 0 << true << all;
+        QTest::newRow("full licences") << true << 1 << true << QStringList{"AudioDesk", "PhotoDesk", "Pro", "Ultra"};
+        QTest::newRow("asynchronous") << true << 0 << false << all;
+        QTest::newRow("nothing bought") << false << 0 << true << QStringList();
+    }
+    void purchases()
+    {
+        QFETCH(bool, demo);
+        QFETCH(int, full);
+        QFETCH(bool, sync);
+        QFETCH(QStringList, products);
+        if (!demo) {
+            const QJsonObject tokens = m_server.Admin("/admin/token", {{"email", "buys-nothing@quillmarsh.test"}});
+            QVERIFY(Service(0).SaveMemberToken(tokens.value("access_token").toString().toStdWString(),
+                                               tokens.value("refresh_token").toString().toStdWString()));
+        }
+        Service service(kProduct, false, 10000, 0);
+        QSignalSpy delivered(&service, &Service::FinishRequest);
+        std::wstring info = L"untouched";
+        const auto result = service.GetPurchaseProductInfo(full, 0, 0, info, nullptr, 5000, sync);
+        if (!sync) {
+            QCOMPARE(result, Service::WS_UNEXPECT_FAIL);
+            QVERIFY(delivered.wait(10000));
+            QCOMPARE(delivered.size(), 1);
+            QCOMPARE(delivered.first().at(0).value<std::wstring>(), std::wstring(L"GetPurchaseProductInfo"));
+            QVERIFY(info == L"untouched");
+            info = delivered.first().at(1).value<std::wstring>();
+        } else {
+            QCOMPARE(result, Service::WS_OK);
+        }
+        if (products.isEmpty()) {
+            QVERIFY(info == L"untouched"); // an empty list leaves the output as it was
+            return;
+        }
+        QStringList seen;
+        for (const QJsonValue& entry : Json(info).value("result").toObject().value("data").toArray())
+            seen << entry.toObject().value("ProductID").toString();
+        QCOMPARE(seen, products);
+    }
+
     void expiredTokenRefreshesAndRepeats()
     {
         SignIn(0);
@@ -530,6 +577,48 @@ private slots:
         const QList<QJsonObject> consent = m_server.Requests("/ContentManager/v1/User/EULAConsent/0");
         QCOMPARE(consent.size(), 1);
         QCOMPARE(consent.first().value("method").toString(), QStringLiteral("GET"));
+    }
+
+    void commandLine_data()
+    {
+        QTest::addColumn<QStringList>("arguments");
+        QTest::addColumn<int>("exitCode");
+        QTest::addColumn<QString>("shown");
+        const QStringList products{"products", "--installed", "Pro:1,Director:2", "--product-key",
+                                   QString::fromStdWString(kProduct)};
+        QTest::newRow("products from the server") << products << 0 << "from the server\nPro ";
+        QTest::newRow("products, async") << products + QStringList{"--async", "--force"} << 0
+                                         << "from the server (asynchronous)\nPro ";
+        QTest::newRow("agreement due") << QStringList{"eula", "check", "--type", "4"} << 0 << "consent_needed  true";
+        QTest::newRow("bad installed list") << QStringList{"products", "--installed", "Pro"} << 2 << "";
+        QTest::newRow("unknown link type") << QStringList{"redirect-link", "--type", "5"} << 2 << "";
+        QTest::newRow("type 0 without URL") << QStringList{"redirect-link", "--type", "0"} << 2 << "";
+        QTest::newRow("agreement type 7 has no text") << QStringList{"eula", "text", "--type", "7"} << 2 << "";
+        QTest::newRow("plugin needs a version") << QStringList{"plugin", "QMFX"} << 2 << "";
+    }
+    void commandLine()
+    {
+        QFETCH(QStringList, arguments);
+        QFETCH(int, exitCode);
+        QFETCH(QString, shown);
+        QTemporaryDir data;
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.insert("XDG_DATA_HOME", data.path());
+        QProcess cli;
+        cli.setProcessEnvironment(environment);
+        cli.start(QStringLiteral(QM_CLI_BINARY), arguments);
+        QVERIFY(cli.waitForFinished(30000));
+        const QString out = QString::fromUtf8(cli.readAllStandardOutput());
+        QCOMPARE(cli.exitCode(), exitCode);
+        QVERIFY2(out.contains(shown), qPrintable(out));
+        if (exitCode == 0 && arguments.first() == "products" && !arguments.contains("--async")) {
+            // The second answer comes from the cache, without a request.
+            const int asked = Count(kMyProduct);
+            cli.start(QStringLiteral(QM_CLI_BINARY), arguments);
+            QVERIFY(cli.waitForFinished(30000));
+            QVERIFY(QString::fromUtf8(cli.readAllStandardOutput()).startsWith("from the cache\n"));
+            QCOMPARE(Count(kMyProduct), asked);
+        }
     }
 
     void agreementLanguageFromTheSystem_data()
