@@ -5,6 +5,7 @@
 #include "TestService.h"
 #include "registry/QMRegistryAgent.h"
 
+#include <QApplication>
 #include <QDateTime>
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -347,7 +348,9 @@ private slots:
                      Service::WS_UNEXPECT_FAIL);
         } // the caller's list is gone before the reply comes
         ap = {L"Changed", L"0"};
+        QVERIFY(QApplication::overrideCursor()); // the wait cursor shows until the answer
         QVERIFY(finished.wait(10000));
+        QVERIFY(!QApplication::overrideCursor());
         QCOMPARE(delivered.size(), 1);
         QCOMPARE(finished.size(), 1);
         QCOMPARE(deliveredIn, QThread::currentThread());
@@ -660,7 +663,7 @@ int main(int argc, char** argv)
         QCoreApplication application(argc, argv);
         return EulaChild();
     }
-    QCoreApplication application(argc, argv);
+    QApplication application(argc, argv); // offscreen: for the wait cursor
     TestLauncher test;
     QTEST_SET_MAIN_SOURCE_PATH
     return QTest::qExec(&test, argc, argv);
