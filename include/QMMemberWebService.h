@@ -193,6 +193,12 @@ public:
     /// The words for GetLastTransportError(): libcurl's text ("SSL certificate problem: unable to
     /// get local issuer certificate"), or "HTTP 503"; empty after success. Holds no secret.
     static std::wstring GetLastTransportErrorText();
+    /// Called during a browser sign-in, on the polling thread, for each poll that got no answer
+    /// from the server: \a netError and \a text as GetLastTransportError() and its text give
+    /// them, \a failuresInRow the polls without an answer since the last answered one. Polling
+    /// goes on; the host may stop it with OnMemberLogInStop(). Set it before MemberLogInPollingAsync.
+    using LoginPollFailedCallback = std::function<void(unsigned int netError, const std::wstring& text, int failuresInRow)>;
+    void SetLoginPollFailedCallback(LoginPollFailedCallback callback) { m_fnLoginPollFailed = std::move(callback); }
 
     // --- launcher services ------------------------------------------------------------
     /// Where a member redirect link leads (GetMemberRedirectLink).
@@ -280,11 +286,6 @@ signals:
     void GetTokenFailed();
     void ServerBusy();
     void FinishRequest(const std::wstring& strService, const std::wstring& strReturnData, int nNetWorkError);
-    /// During a browser sign-in: a poll that got no answer from the server. \a netError and
-    /// \a text are what GetLastTransportError() and its text said on the polling thread;
-    /// \a failuresInRow counts such polls since the last answered one. Polling goes on; the host
-    /// may stop it with OnMemberLogInStop(). Comes in the thread of the object that started it.
-    void LoginPollFailed(unsigned int netError, QString text, int failuresInRow);
 
 public slots:
     void OnMemberLogInStop();
@@ -339,6 +340,9 @@ private:
     static QString ConvertProudctIDListToString(ProductIDList list);
     static ProductIDList ConvertStringToProudctIDList(QString text);
     static bool IsCacheInstalledProductModified(ProductIDList& installed);
+
+    // Transport diagnostics (private).
+    LoginPollFailedCallback m_fnLoginPollFailed;
 
     // Launcher services (private).
     struct SProductCall;

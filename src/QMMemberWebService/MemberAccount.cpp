@@ -265,6 +265,7 @@ void CQMMemberWebService::MemberLogInPollingAsync(const std::wstring& guid, int 
     inner->m_nLoginTimeLimitMs = timeLimitMs;
     inner->m_nLoginPollIntervalMs = pollIntervalMs;
     inner->m_bLoginRequestFlag = flag;
+    inner->m_fnLoginPollFailed = m_fnLoginPollFailed;
 
     auto* thread = new QThread;
     inner->moveToThread(thread);
@@ -278,10 +279,6 @@ void CQMMemberWebService::MemberLogInPollingAsync(const std::wstring& guid, int 
                 this, [this, thread, result, text] { RelayLoginResult(result, text, thread); }, Qt::QueuedConnection);
         },
         Qt::DirectConnection);
-    connect(inner, &CQMMemberWebService::LoginPollFailed, this,
-            [this](unsigned int netError, QString text, int failuresInRow) {
-                emit LoginPollFailed(netError, text, failuresInRow);
-            });
     connect(inner, &CQMMemberWebService::LoginStatus, this, [this](int status) {
         qCDebug(lcService).nospace() << "CQMMemberWebService::LoginStatus = " << status;
         emit LoginStatus(status);
@@ -314,10 +311,10 @@ void CQMMemberWebService::OnMemberLogInPolling()
     do {
         const EWSResult result = GetAuthorizationCode(m_strPollingGuid, code, 30000);
         // The host hears of polls that do not reach the server, so that it can tell and give up.
-        if (const unsigned int netError = GetLastTransportError())
-            emit LoginPollFailed(netError, Q(GetLastTransportErrorText()), ++failuresInRow);
-        else
-            failuresInRow = 0;
+        const unsigned int netError = GetLastTransportError();
+        failuresInRow = netError ? failuresInRow + 1 : 0;
+        if (netError && m_fnLoginPollFailed)
+            m_fnLoginPollFailed(netError, GetLastTransportErrorText(), failuresInRow);
         if (result == WS_LOGIN_STATUS_FAIL) {
             m_bLoginPolling = false; // LoginStatus has told the host
             break;

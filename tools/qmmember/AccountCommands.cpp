@@ -103,11 +103,13 @@ int LoginInBrowser(Context& c)
             std::fputs("\r\033[K", stderr);
     };
     // Ctrl-C stops the polling through the library; the handler is in place before the address shows.
+    bool decided = false; // the outcome is settled: later notices change nothing
     const bool interruptible = Terminal::OnInterrupt(&service, [&] {
+        decided = true;
         tick.stop();
         clearSpinner();
         service.OnMemberLogInStop();
-        exitCode = c.Fail(QStringLiteral("interrupted"), QStringLiteral("stopped: no sign-in"));
+        c.Fail(QStringLiteral("interrupted"), QStringLiteral("stopped: no sign-in"));
         exitCode = kExitInterrupted;
         QCoreApplication::exit(exitCode);
     });
@@ -143,35 +145,46 @@ int LoginInBrowser(Context& c)
         tick.start(100);
 
     // Polls that cannot reach the server show on the progress line; a run of them ends the wait.
-    QObject::connect(&service, &CQMMemberWebService::LoginPollFailed, &service,
-                     [&](unsigned int netError, const QString& text, int failuresInRow) {
-                         const Failure failure =
-                             c.ServiceFailure(CQMMemberWebService::WS_CONNECTION_FAILED, netError, text);
-                         sinceTrouble.start();
-                         trouble = QStringLiteral("%1 poll(s) in a row failed: %2")
-                                       .arg(failuresInRow)
-                                       .arg(failure.words.isEmpty() ? text : failure.words);
-                         c.Event({{QStringLiteral("event"), QStringLiteral("poll_failed")},
-                                  {QStringLiteral("cause"), failure.cause},
-                                  {QStringLiteral("net_error"), static_cast<qint64>(netError)},
-                                  {QStringLiteral("detail"), text},
-                                  {QStringLiteral("failures_in_row"), failuresInRow}},
-                                 spinner ? QString() : QStringLiteral("qmmember login: ") + trouble);
-                         if (failuresInRow < kMaxFailedPolls)
-                             return;
-                         tick.stop();
-                         clearSpinner();
-                         service.OnMemberLogInStop();
-                         Failure last = failure;
-                         last.hint = QStringLiteral("gave up after %1 polls in a row could not reach the server; %2")
-                                         .arg(failuresInRow)
-                                         .arg(failure.hint);
-                         exitCode = c.Fail(last);
-                         QCoreApplication::exit(exitCode);
-                     });
+    auto pollFailed = [&](unsigned int netError, const QString& text, int failuresInRow) {
+        if (decided)
+            return;
+        const Failure failure = c.ServiceFailure(CQMMemberWebService::WS_CONNECTION_FAILED, netError, text);
+        sinceTrouble.start();
+        trouble = QStringLiteral("%1 poll(s) in a row failed: %2")
+                      .arg(failuresInRow)
+                      .arg(failure.words.isEmpty() ? text : failure.words);
+        c.Event({{QStringLiteral("event"), QStringLiteral("poll_failed")},
+                 {QStringLiteral("cause"), failure.cause},
+                 {QStringLiteral("net_error"), static_cast<qint64>(netError)},
+                 {QStringLiteral("detail"), text},
+                 {QStringLiteral("failures_in_row"), failuresInRow}},
+                spinner ? QString() : QStringLiteral("qmmember login: ") + trouble);
+        if (failuresInRow < kMaxFailedPolls)
+            return;
+        decided = true;
+        tick.stop();
+        clearSpinner();
+        service.OnMemberLogInStop();
+        Failure last = failure;
+        last.hint = QStringLiteral("gave up after %1 polls in a row could not reach the server; %2")
+                        .arg(failuresInRow)
+                        .arg(failure.hint);
+        exitCode = c.Fail(last);
+        QCoreApplication::exit(exitCode);
+    };
+    // Called on the polling thread: handled in this one.
+    service.SetLoginPollFailedCallback([&service, pollFailed](unsigned int netError, const std::wstring& text,
+                                                              int failuresInRow) {
+        const QString words = QString::fromStdWString(text);
+        QMetaObject::invokeMethod(
+            &service, [=] { pollFailed(netError, words, failuresInRow); }, Qt::QueuedConnection);
+    });
 
     QObject::connect(&service, &CQMMemberWebService::LoginResult, &service,
                      [&](CQMMemberWebService::EWSResult result, const std::wstring&) {
+                         if (decided)
+                             return;
+                         decided = true;
                          tick.stop();
                          clearSpinner();
                          if (result == CQMMemberWebService::WS_OK) {
@@ -191,6 +204,9 @@ int LoginInBrowser(Context& c)
                          QCoreApplication::exit(exitCode);
                      });
     QObject::connect(&service, &CQMMemberWebService::LoginStatus, &service, [&](int status) {
+        if (decided)
+            return;
+        decided = true;
         tick.stop();
         clearSpinner();
         exitCode = c.Fail(QStringLiteral("sign_in_refused"),

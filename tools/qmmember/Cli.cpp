@@ -99,11 +99,13 @@ Failure ResultFailure(int result)
     switch (result) {
     case 5:
         failure.cause = QStringLiteral("wrong_credentials");
+        failure.words = QStringLiteral("the server refused the e-mail and password");
         failure.hint = QStringLiteral("wrong e-mail or password");
         break;
     case CQMMemberWebService::WS_TOKEN_EXPIRE:
     case CQMMemberWebService::WS_TOKEN_VERIFY_FAIL:
         failure.cause = QStringLiteral("session_invalid");
+        failure.words = QStringLiteral("the server no longer accepts the stored session");
         failure.hint = QStringLiteral("the stored session is no longer valid: sign in again (qmmember login)");
         break;
     case CQMMemberWebService::WS_NO_LOGIN:
@@ -139,7 +141,7 @@ Failure ResultFailure(int result)
         break;
     case CQMMemberWebService::WS_UNEXPECT_FAIL:
         failure.cause = QStringLiteral("failed");
-        failure.hint = QStringLiteral("if the call needs a login: sign in first (qmmember login)");
+        failure.hint = QStringLiteral("an unexpected failure: --verbose shows the library's log");
         break;
     default:
         failure.cause = result > 0 ? QStringLiteral("server_status") : QStringLiteral("failed");

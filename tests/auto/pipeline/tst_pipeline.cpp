@@ -403,8 +403,9 @@ private slots:
         QCOMPARE(cli.exitCode(), 0);
         const QJsonObject reply = QJsonDocument::fromJson(cli.readAllStandardOutput()).object();
         QCOMPARE(reply.value("result").toInt(), 2);
-        QVERIFY(reply.value("data").toString().contains(m_memberId));
-        QVERIFY(!reply.value("data").toString().contains(m_access));
+        const QString data = QString::fromUtf8(QJsonDocument(reply.value("data").toObject()).toJson());
+        QVERIFY(data.contains(m_memberId));
+        QVERIFY(!data.contains(m_access));
     }
 
     void memberIdFromToken_data()
