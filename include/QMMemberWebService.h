@@ -203,9 +203,9 @@ public:
     // --- launcher services ------------------------------------------------------------
     /// Where a member redirect link leads (GetMemberRedirectLink).
     enum ERedirectType : int {
-        RT_WEB_PAGE = 0,       ///< the given page of the member web site, signed in
-        RT_MEMBER_ACCOUNT = 1, ///< the member's account page; the target URL is not sent
-        RT_PURCHASE_PAGE = 2,  ///< the given page, counted by the site as a purchase visit
+        REDIRECT_WEB_PAGE = 0,       ///< the given page of the member web site, signed in
+        REDIRECT_MEMBER_ACCOUNT = 1, ///< the member's account page; the target URL is not sent
+        REDIRECT_PURCHASE_PAGE = 2,  ///< the given page, marked for the site as a purchase visit
     };
     /// Which end-user agreement is meant. 4 also asks for the system language's variant.
     enum EContentManagerEulaServiceType : int {

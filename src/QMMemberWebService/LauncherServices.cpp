@@ -451,8 +451,8 @@ CQMMemberWebService::EWSResult CQMMemberWebService::GetMemberRedirectLink(std::w
 
     QString query;
     switch (type) {
-    case RT_WEB_PAGE:
-    case RT_PURCHASE_PAGE:
+    case REDIRECT_WEB_PAGE:
+    case REDIRECT_PURCHASE_PAGE:
         if (link.empty() || token.empty() || languageId < 1)
             return WS_PARAM_FAIL;
         // One pass: the encoded URL's own "%3A" must not be taken for a placeholder.
@@ -460,7 +460,7 @@ CQMMemberWebService::EWSResult CQMMemberWebService::GetMemberRedirectLink(std::w
                     .arg(QString::fromLatin1(QUrl::toPercentEncoding(Q(link))), QString::number(languageId), Q(token),
                          QString::number(int(type)));
         break;
-    case RT_MEMBER_ACCOUNT:
+    case REDIRECT_MEMBER_ACCOUNT:
         if (token.empty() || languageId < 1)
             return WS_PARAM_FAIL;
         // The Url value stays empty: the account page needs no target.

@@ -229,7 +229,7 @@ int RedirectLink(Context& c)
         if (!number || language < 1)
             return c.Usage(QStringLiteral("--language takes a language number of 1 or more"));
     }
-    if (type != Service::RT_MEMBER_ACCOUNT && c.Arg(0).isEmpty())
+    if (type != Service::REDIRECT_MEMBER_ACCOUNT && c.Arg(0).isEmpty())
         return c.Usage(QStringLiteral("types 0 and 2 need the URL of the page"));
     int exitCode = kExitOk;
     if (!SignedIn(c, exitCode))

@@ -438,7 +438,7 @@ private slots:
             QSKIP("needs node with playwright-core on NODE_PATH and /usr/bin/chromium: run ./qm test");
         Service service(kProduct, false, 10000, 0);
         std::wstring link = QStringLiteral("https://%1/member/store").arg(m_server.Host()).toStdWString();
-        QCOMPARE(service.GetMemberRedirectLink(link, 1, CQMMemberWebService::RT_WEB_PAGE), Service::WS_OK);
+        QCOMPARE(service.GetMemberRedirectLink(link, 1, CQMMemberWebService::REDIRECT_WEB_PAGE), Service::WS_OK);
         QProcess node;
         node.setProcessChannelMode(QProcess::ForwardedErrorChannel);
         node.start(QStringLiteral("node"), {QStringLiteral(QM_REDIRECT_DRIVER), S(link)});
