@@ -230,7 +230,7 @@ public:
     /// \a requestAp (may be null) names the calling application (ID, build).
     /// Synchronous: 2 with \a productInfo filled; 6 after a refresh and one repeat; a reply
     /// served from the cache returns -1 (-7 offline) with \a productInfo filled all the same.
-    /// Asynchronous (\a sync false): returns -1 at once and never touches \a productInfo
+    /// Asynchronous (\a sync false): returns -1 at once (-7 offline) and never touches \a productInfo
     /// afterwards; the outcome comes once, in the thread owning this object, as
     /// FinishRequest(L"GetMemberProductInfo", json, netError) then FinishCurrentFunction();
     /// json is empty when neither the server nor the cache had an answer.
@@ -241,8 +241,10 @@ public:
     /// The member's purchased products as the compact JSON of the whole reply (no installed
     /// list is sent). \a checkBuyFullProduct non-zero lists full licences only (perpetual and
     /// subscription), zero trials too; \a reserved1 and \a reserved2 are accepted and unused.
-    /// 2 leaves \a purchaseInfo untouched when nothing was bought. Asynchronous (\a sync
-    /// false): -1 at once, then FinishRequest(L"GetPurchaseProductInfo", json, netError).
+    /// 2 leaves \a purchaseInfo untouched when nothing was bought; status 6 refreshes the token
+    /// and repeats once. Asynchronous (\a sync false): -1 at once, then, in the thread owning
+    /// this object, FinishRequest(L"GetPurchaseProductInfo", json, netError); json is empty on a
+    /// failure and when nothing was bought.
     EWSResult GetPurchaseProductInfo(int checkBuyFullProduct, int reserved1, int reserved2,
                                      std::wstring& purchaseInfo, std::pair<std::wstring, std::wstring>* requestAp,
                                      int timeoutMs, bool sync);

@@ -418,8 +418,13 @@ CQMMemberWebService::EWSResult CQMMemberWebService::GetPurchaseProductInfo(
     std::weak_ptr<std::function<void(int)>> weakSend = send;
     *send = [this, body, timeoutMs, caller, weakSend](int repeats) {
         CHttpRequest* request = ServiceHttpRequest(caller, false);
-        if (!request)
+        if (!request) {
+            // Still one answer, from the event loop, as for any other failure.
+            QMetaObject::invokeMethod(
+                this, [this] { emit FinishRequest(L"GetPurchaseProductInfo", std::wstring(), 0); },
+                Qt::QueuedConnection);
             return;
+        }
         AddLauncherHeaders(request, true);
         auto again = weakSend.lock();
         SendLauncherAsync(request, kMyProductPath, body, timeoutMs,
