@@ -19,9 +19,19 @@ printf 'A:1;;B;C:2:3;D:x' >"$work/text/list"
 printf 'P1:3;P2:12' >"$work/text/list2"
 printf '682043829C18A27B4A2490B210DEA7681B18F0E75F' >"$work/text/token"
 printf '{"status":2}' >"$work/text/json"
+printf '{"apiStatus":2,"result":{"status":2,"data":[1,2]}}' >"$work/text/reply"
+printf '{"apiStatus":6,"result":{"status":6}}' >"$work/text/expired"
+printf '{"access_token":"h.eyJtZW1iZXJpZCI6IjEyMyJ9.s","refresh_token":"r"}' >"$work/text/tokens"
+printf '{"error":13}' >"$work/text/error"
+printf '{"apiStatus":2,"result":{"status":2,"data":{"Status":0,"Code":"c0de"}}}' >"$work/text/code"
+printf '<?xml version="1.0"?><ProductService><Status>2</Status></ProductService>' >"$work/text/xml"
+printf 'h.eyJtZW1iZXJpZCI6IjEyMyJ9.s' >"$work/text/jwt"
+printf 'guid=1b4e28ba-2fa1-11d2&email=a%%40b.c&password=p%%3Aw+d' >"$work/text/form"
+printf 'launcher:YUBiLmM=:cHc=:m:k1:k2' >"$work/text/basic"
 
 status=0
-for target in lzstring cache urlscheme productlist; do
+targets=(lzstring cache urlscheme productlist reply tokenreply xml memberid cachefile serverrequest)
+for target in "${targets[@]}"; do
   case "$target" in
     lzstring) corpus=$(seed lzstring "$data"/lzstring/*.bin) ;;
     *) corpus=$(seed "$target" "$work"/text/*) ;;

@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <functional>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -27,6 +28,9 @@ class QTimer;
 namespace QMRegistryTool {
 class CQMRegistryAgent;
 }
+namespace QMService {
+class CQMWorkerLink;
+}
 
 /// The client of the member web services, one object per product.
 ///
@@ -40,6 +44,15 @@ class CQMRegistryAgent;
 /// std::wstring build;
 /// if (service.GetProductBuild(build) == CQMMemberWebService::WS_OK) { ... }
 /// \endcode
+///
+/// Threads: synchronous calls block the calling thread; asynchronous requests
+/// complete in the thread that owns the object, which must run a Qt event loop.
+///
+/// Logging: the library writes under the categories "qm.service" (service calls),
+/// "qm.network" (the HTTPS transport) and "qm.registry" (the per-user store).
+/// Only warnings and above are on by default; QT_LOGGING_RULES="qm.*.debug=true"
+/// (or QLoggingCategory::setFilterRules) turns the debug lines on. Secrets are
+/// never logged.
 class QMMEMBERWEBSERVICE_EXPORT CQMMemberWebService : public QObject
 {
     Q_OBJECT
@@ -69,51 +82,83 @@ public:
     };
 
     using ProductIDList = std::vector<std::pair<std::wstring, int>>;
-    using LoginResultCallback = void (*)(int, char*);
+    /// Receives the result code and the result text (UTF-8, NUL-terminated, valid
+    /// only during the call) when a browser sign-in ends.
+    using LoginResultCallback = void (*)(int result, char* text);
 
-    /// Internal constructor: no product key, user agent "QMAutoTestAgent".
+    /// Internal constructor: no product key, hosts of \a targetServer, user agent "QMAutoTestAgent".
     explicit CQMMemberWebService(int targetServer);
-    /// Product constructor. \a reserved is accepted and not used.
+    /// Product constructor: identity and user agent from the product's registry key.
+    /// \a reserved is accepted and not used.
     CQMMemberWebService(std::wstring productKeyPath, bool storeBuild, int reserved, int targetServer);
+    /// Disposes of the requests in flight and stops and joins an inner service's worker
+    /// threads; call it in the object's own thread, with none of its synchronous calls running.
     ~CQMMemberWebService() override;
 
     // --- request handles --------------------------------------------------
+    /// Makes a request object and enters it in the live-request map; null when allocation fails.
     virtual CHttpRequest* ServiceHttpRequest(QString caller, bool sync);
+    /// The inner service used by the polling calls, made on first use; null unless a polling call is starting.
     virtual CQMMemberWebService* InnerMemberService();
 
     // --- identity and product information ----------------------------------
+    /// This machine's identifier as sent to the services.
     virtual std::wstring GetMachineID();
+    /// "Check Update Edition" of the product key; 2 when found, -1 when not.
     virtual EWSResult GetCheckUpdateEdition(std::wstring& edition);
+    /// "Product Build" of the product key; 2 when found, -1 when not.
     virtual EWSResult GetProductBuild(std::wstring& build);
+    /// "Version Code" of the product key; 2 when found, -1 when not.
     virtual EWSResult GetVersionCode(std::wstring& versionCode);
+    /// "Product Name", else "Program Group", else "Product Title"; 2 when one is found, -1 when none.
     virtual EWSResult GetProductName(std::wstring& name);
-    /// Throws std::invalid_argument / std::out_of_range when the stored text is
-    /// not a base-10 integer in range, as the standard conversion does.
+    /// "Language ID" as a number; 2 when found, -1 when not. Throws std::invalid_argument /
+    /// std::out_of_range when the stored text is not a base-10 integer in range.
     virtual EWSResult GetLanguageID(int& languageID);
+    /// "Language ID" as text; 2 when found, -1 when not.
     virtual EWSResult GetLanguageID(std::wstring& languageID);
+    /// "Language Pack Path" of the product key; 2 when found, -1 when not.
     virtual EWSResult GetLanguagePackPath(std::wstring& path);
+    /// Language number from the system locale's country: Taiwan 2, Japan 4, Germany 8, else 1.
     virtual int GetLocaleLanguageID();
 
     // --- token store ----------------------------------------------------------
+    /// The stored access token; true when it exists.
     virtual bool GetAccessToken(std::wstring& token);
+    /// The stored refresh token; true when it exists.
     virtual bool GetRefreshToken(std::wstring& token);
+    /// The product key's "Target Server" number; true when it overrides the constructor's.
     virtual bool GetTargetServer(int& target);
 
+    /// Static forms of the getters above, for any key path; \a currentUser picks the
+    /// current-user hive over the local-machine one. 2 when found, -1 when not.
     static EWSResult GetCheckUpdateEdition(std::wstring keyPath, std::wstring& edition, bool currentUser);
+    /// See GetCheckUpdateEdition(std::wstring, std::wstring&, bool).
     static EWSResult GetProductBuild(std::wstring keyPath, std::wstring& build, bool currentUser);
+    /// See GetCheckUpdateEdition(std::wstring, std::wstring&, bool).
     static EWSResult GetVersionCode(std::wstring keyPath, std::wstring& versionCode, bool currentUser);
+    /// See GetCheckUpdateEdition(std::wstring, std::wstring&, bool).
     static EWSResult GetProductName(std::wstring keyPath, std::wstring& name, bool currentUser);
+    /// See GetCheckUpdateEdition(std::wstring, std::wstring&, bool).
     static EWSResult GetLanguageID(std::wstring keyPath, std::wstring& languageID, bool currentUser);
+    /// See GetCheckUpdateEdition(std::wstring, std::wstring&, bool).
     static EWSResult GetLanguagePackPath(std::wstring keyPath, std::wstring& path, bool currentUser);
     /// "Edition/Build" from the product key; "UnknowAgent" and -10 when either is missing.
     static EWSResult GetUserAgent(std::wstring keyPath, std::wstring& userAgent, bool currentUser);
 
+    /// Replaces the "User-Agent" header value of this object's requests.
     void SetUserAgent(std::wstring userAgent);
+    /// The "User-Agent" header value of this object's requests.
     std::wstring GetHttpRequestUserAgent() const;
+    /// The English text of a result code; unknown codes read "Unexpect Fail".
     std::wstring GetErrorCodeString(int code);
+    /// The API host chosen at construction.
     std::wstring GetApiHost() const { return m_strApiHost; }
+    /// The web host chosen at construction.
     std::wstring GetWebHost() const { return m_strWebHost; }
+    /// The first machine key of this machine's identity.
     std::wstring GetPrimaryMachineKey() const { return m_strPrimaryMachineKey; }
+    /// The second machine key of this machine's identity.
     std::wstring GetSecondaryMachineKey() const { return m_strSecondaryMachineKey; }
     /// Values of the "QM_Sign" and "QM_SignCheck" headers; empty by default.
     void SetApiSignature(std::wstring sign, std::wstring signCheck)
@@ -121,46 +166,71 @@ public:
         m_strSign = std::move(sign);
         m_strSignCheck = std::move(signCheck);
     }
+    /// Sets (or, with null, clears) the plain callback of a browser sign-in's result; it runs
+    /// in this object's thread, just before LoginResult.
     void SetLoginResultCallback(LoginResultCallback callback);
     /// Wait cursor during token requests, only when the application is a QApplication.
     void SetWaitCursor(bool on) { m_bWaitCursor = on; }
 
+    /// Test mode: sent as "InHouseTest" with product requests and used in credentials.
     static void SetInHouseTest(bool inHouseTest);
+    /// The test-mode flag set by SetInHouseTest.
     static bool GetInHouseTest() { return ms_bInHouseTest; }
     /// Must be called before any object is built; the agent must outlive every service object.
     static void SetRegistryInterface(QMRegistryTool::CQMRegistryAgent* agent);
 
     // --- request pipeline -------------------------------------------------------
+    /// A new request identifier: a UUID without braces.
     static QString GenerateApiRequestID();
+    /// Sends one request to the API host: a POST when \a body is not empty, else a GET.
+    /// Synchronous: returns the result and has emitted FinishApiRequest. Asynchronous:
+    /// returns 2 at once; FinishApiRequest (and ErrorNotice on failure) follow in this object's thread.
     EWSResult DoApiRequest(std::wstring path, std::string body, int timeoutMs, bool needLogin, bool sync,
                            QString kGuid, std::wstring replyKey = std::wstring());
+    /// Synchronous request; \a resultText receives the reply's "result"."data" as compact JSON.
     EWSResult GeneralSyncApiRequest(std::wstring path, bool needLogin, std::string body, std::wstring& resultText,
                                     int timeoutMs, std::wstring replyKey = std::wstring());
+    /// GeneralSyncApiRequest with an empty body: a GET.
     EWSResult GeneralSyncGetApiRequest(std::wstring path, bool needLogin, std::wstring& resultText, int timeoutMs,
                                        std::wstring replyKey = std::wstring());
+    /// Parses an XML reply into \a document and reads its "Status"; 2 when both are there, else -1.
     static EWSResult ProcessXmlReturnValue(const std::wstring& reply, QDomDocument& document, int& status);
+    /// The first element named \a tagName; false when there is none.
     static bool FindQDomElement(QDomDocument& document, QString tagName, QDomElement& element);
 
     // --- connectivity -------------------------------------------------------------
-    static bool CheckInternetConnection(int timeoutMs, bool arg2, bool arg3);
+    /// Probes the API host within \a timeoutMs (through the proxy when \a useProxy); records
+    /// and returns whether it answered. \a reserved is passed on and not used.
+    static bool CheckInternetConnection(int timeoutMs, bool useProxy, bool reserved);
+    /// Whether requests consult the connectivity state.
     static void SetCheckCurrentInternetConnection(bool check);
+    /// True when the last check or the last exchange reached the server, or when checking is off.
     static bool GetInternetConnectionFlag();
 
     // --- member session -------------------------------------------------------------
+    /// The member id stored in this object, without reading the registry.
     std::wstring GetMemberID();
+    /// The member id from the stored token (kept in this object); the stored one when the token has none.
     std::wstring GetMemberIDByToken();
+    /// The member id from the stored token, or the backup token after a logout; empty when none.
     static std::wstring GetMemberIDByTokenStaicVersion();
+    /// True when access and refresh tokens are stored (or the product is an education build).
     bool IsMemberLogIn();
+    /// IsMemberLogIn() for any product key.
     static bool IsMemberLogIn(std::wstring productRegistryKey);
+    /// Deletes the tokens and, when both went, the profile and product caches; true then.
     static bool MemberLogOut();
+    /// Writes the backup token to "QMBakToken.reg" in \a folder; false when the file cannot be written.
     bool DumpBackupTokenToRegFile(std::wstring folder);
+    /// True while this very object polls for a browser sign-in (only an inner service does).
     bool GetIsLoginPolling() const { return m_bLoginPolling; }
 
     // --- sign-in and profile --------------------------------------------------------
-    /// Password grant. \a credential receives the credential string that was sent.
+    /// Password grant; the tokens are stored on success. \a credential receives the credential
+    /// string that was sent; \a flag goes to the request object unchanged.
     EWSResult MemberLogIn(const std::wstring& email, const std::wstring& password, std::wstring& credential,
                           int timeoutMs, bool flag);
-    /// Authorization-code grant for a browser sign-in bound to \a guid.
+    /// Authorization-code grant for a browser sign-in bound to \a guid; the tokens are stored on success.
     EWSResult MemberLogIn(const std::wstring& guid, std::wstring& credential, int timeoutMs, bool flag);
     /// Starts a browser sign-in: an inner service on a thread of its own asks for the code
     /// bound to \a guid every \a pollIntervalMs until the sign-in succeeds or fails, \a timeLimitMs
@@ -169,7 +239,8 @@ public:
     void MemberLogInPollingAsync(const std::wstring& guid, int timeLimitMs, int pollIntervalMs, bool flag);
     /// True from MemberLogInPollingAsync until its polling thread has finished, a stop included.
     bool IsLoginPollingThreadRunning() const { return m_bPollingThreadRunning; }
-    /// The member's profile, from "MemberInfo.json" while it is fresh unless \a forceServer.
+    /// The member's profile, from "MemberInfo.json" while it is fresh unless \a forceServer;
+    /// emits FinishGetMemberLoginInfo in the calling thread when one was delivered.
     EWSResult GetMemberLoginInfo(_CMemberLoginInfo& info, bool forceServer, bool flag, unsigned int timeoutMs);
     /// Fetches the profile only when the stored refresh token changed since the last fetch.
     EWSResult SyncMemberID();
@@ -177,9 +248,13 @@ public:
     std::wstring GetQMMemberRequestInfo();
 
     // --- cache and URL-scheme codec ------------------------------------------------
+    /// The folder of the reply cache.
     static QString GetCacheFolderPath();
+    /// Sets the folder of the reply cache (with its trailing separator).
     static void SetCacheFolderPath(QString path);
+    /// \a text as a URL-scheme token.
     static QString EncryptUrlScheme(const QString& text);
+    /// The text of a URL-scheme token; empty when the token is not valid.
     static QString DecryptUrlScheme(const QString& token);
 
     // --- transport diagnostics ----------------------------------------------------------
@@ -199,6 +274,20 @@ public:
     /// goes on; the host may stop it with OnMemberLogInStop(). Set it before MemberLogInPollingAsync.
     using LoginPollFailedCallback = std::function<void(unsigned int netError, const std::wstring& text, int failuresInRow)>;
     void SetLoginPollFailedCallback(LoginPollFailedCallback callback) { m_fnLoginPollFailed = std::move(callback); }
+
+    // --- host tools: cache files, store location, compressed replies ----------------------
+    /// Where the per-user store keeps its files: $QM_REGISTRY_DIR, else the user's configuration
+    /// folder. Empty on Windows, where the store is the registry.
+    static QString GetStoreFolderPath();
+    /// Reads the cache file \a fileName, a plain file name in GetCacheFolderPath(): false when it
+    /// does not exist or the name has a folder part; else its deciphered \a text, and whether it
+    /// is \a expired (written on an earlier calendar day).
+    static bool ReadCacheFile(const QString& fileName, QString& text, bool& expired);
+    /// Deletes the cache file \a fileName (a plain file name); true when it is gone.
+    static bool DeleteCacheFile(const QString& fileName);
+    /// Decodes lz-string's UTF-16 form, which compressed replies carry: a null text for a corrupt
+    /// stream, an empty one for a stream that ends before its end marker.
+    static QString DecompressReplyText(const QString& compressed);
 
     // --- launcher services ------------------------------------------------------------
     /// Where a member redirect link leads (GetMemberRedirectLink).
@@ -275,27 +364,50 @@ public:
 
     // --- content upload and upload polling -------------------------------------------
 
+    // Signals come in the thread named below. The library registers no meta-types: a host
+    // that receives a signal carrying EWSResult or std::wstring through a queued connection
+    // (a receiver in another thread) registers them first, once:
+    //     qRegisterMetaType<CQMMemberWebService::EWSResult>("EWSResult");
+    //     qRegisterMetaType<std::wstring>("std::wstring");
 signals:
+    /// Upload progress in percent; in the thread of the upload call.
     void UploadMetaDataProgress(int nProgress);
+    /// Part of the published interface; in this object's thread.
     void InnerMemberLogInStop();
+    /// A browser sign-in reported status \a nStatus (3: refused); in this object's thread.
     void LoginStatus(int nStatus);
+    /// A browser sign-in ended: 2 and the credential, -8 and "time out", or the grant's failure;
+    /// once per sign-in, in this object's thread.
     void LoginResult(EWSResult eResult, const std::wstring& strError);
+    /// An upload polling ended with the given result; in this object's thread.
     void UploadResult(int);
+    /// Part of the published interface for hosts; not emitted by the library itself.
     void FinishCurrentFunction();
+    /// A profile was delivered by GetMemberLoginInfo; in the calling thread.
     void FinishGetMemberLoginInfo();
+    /// A request ended: its result text, whether the server was busy, its identifier. In the
+    /// calling thread for a synchronous request, in this object's thread for an asynchronous one.
     void FinishApiRequest(const std::wstring& strRaw, bool bServerBusy, QString kGuid = QString());
+    /// The request \a kGuid failed with \a eResult (missing login, failed connection, error
+    /// reply); before its FinishApiRequest, in the same thread.
     void ErrorNotice(QString kGuid = QString(), EWSResult eResult = WS_UNEXPECT_FAIL);
+    /// The access token expired while the network was down; in the thread of the request.
     void GetTokenFailed();
+    /// Part of the published interface for hosts; not emitted by the library itself.
     void ServerBusy();
+    /// An endpoint call ended: the service's name, its raw reply and the network error number;
+    /// in the calling thread.
     void FinishRequest(const std::wstring& strService, const std::wstring& strReturnData, int nNetWorkError);
 
 public slots:
+    /// Stops a browser sign-in without a LoginResult; the polling ends after its request in flight.
     void OnMemberLogInStop();
 
 private slots:
     void OnMemberLogInPolling();
 
 public slots:
+    /// Runs one upload polling on an inner service (its worker thread's entry).
     void OnMemberUploadPolling();
 
 private slots:
@@ -399,6 +511,10 @@ private:
     QHash<QString, int> m_kTokenRetries; // re-sends of asynchronous requests after an expired token
     std::wstring m_strSign;
     std::wstring m_strSignCheck;
+    // Between this object and its inner service on a worker thread (ServicePrivate.h):
+    // the link of the inner service this object made, and, on an inner service, its owner's.
+    std::shared_ptr<QMService::CQMWorkerLink> m_pWorkerLink;
+    std::shared_ptr<QMService::CQMWorkerLink> m_pOwnerLink;
 
     static std::atomic<bool> ms_bInternetConnection;
     static std::atomic<bool> ms_bCheckCurrentInternetConnection;

@@ -17,6 +17,8 @@ public:
     /// True while no application object exists.
     static bool IsStartingUp();
 
+    /// Copy assignment; the agent has no data, so the object stays as it is.
     CQMQApplicationAgent& operator=(const CQMQApplicationAgent&) { return *this; }
+    /// Move assignment; the agent has no data, so the object stays as it is.
     CQMQApplicationAgent& operator=(CQMQApplicationAgent&&) { return *this; }
 };

@@ -64,7 +64,7 @@ QString compressToUTF16(const QString& text)
             ++numBits;
         }
     };
-    auto emit = [&](const std::u16string& phrase) {
+    auto emitPhrase = [&](const std::u16string& phrase) {
         auto literal = pendingLiterals.find(phrase);
         if (literal != pendingLiterals.end()) {
             const char16_t c = phrase[0];
@@ -95,12 +95,12 @@ QString compressToUTF16(const QString& text)
             w = std::move(wc);
             continue;
         }
-        emit(w);
+        emitPhrase(w);
         dictionary.emplace(std::move(wc), dictSize++);
         w = c;
     }
     if (!w.empty())
-        emit(w);
+        emitPhrase(w);
     out.Write(2, numBits);
     return out.Finish();
 }

@@ -14,6 +14,7 @@
 
 #include <map>
 #include <mutex>
+#include <set>
 
 using httplib::Request;
 using httplib::Response;

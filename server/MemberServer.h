@@ -21,6 +21,7 @@ struct ServerOptions {
     std::string stateDir;
     bool admin = false;
     int tokenTtlSeconds = 3600;
+    int signInTtlSeconds = 15 * 60; // lifetime of a browser sign-in link
     std::vector<std::string> seeds; // each --seed, in order
     bool logRequests = false;       // one line per request on standard error
 };
@@ -114,14 +115,23 @@ private:
         int status = 1; // 1 pending, 0 signed in, 3 refused
         QString code;
         qint64 created = 0; // ms since the epoch: links expire
+        int failures = 0;   // wrong passwords on the page
+        QString application; // the User-Agent of the polling application
     };
     std::mutex m_signInMutex;
     std::map<QString, SignIn> m_signIns;      // by GUID
     std::map<QString, QString> m_codes;       // one-time code -> member id
-    // Looks a GUID up, registering a well-formed new one as pending; false when malformed.
-    bool PendingSignIn(const QString& guid, SignIn& signIn, bool& expired);
+    std::deque<std::pair<qint64, QString>> m_signInOrder; // (created, GUID), oldest first
+    // Looks a GUID up; \a registering (the polling call) adds a well-formed new one as
+    // pending. False when malformed, or unknown and not registered.
+    bool PendingSignIn(const QString& guid, SignIn& signIn, bool& expired, bool registering = false,
+                       const QString& application = QString());
+    // Binds the GUID to the member; a wrong password leaves it pending until the tries run out.
     bool BindSignIn(const QString& guid, const QString& email, const QString& password, bool checkPassword,
                     int& status);
+    // Forgets sign-ins long past their lifetime and the oldest beyond the cap; m_signInMutex held.
+    void PruneSignIns(qint64 now);
+    void RememberSignIn(const QString& guid, const SignIn& signIn); // m_signInMutex held
 
     ServerOptions m_options;
     std::unique_ptr<httplib::SSLServer> m_server;
@@ -139,6 +149,7 @@ private:
     std::atomic<long> m_resumed{0};
     std::atomic<long> m_requests{0};
     int m_exDataIndex = -1;
+    int m_budgetIndex = -1; // per connection: the bytes of the request head read so far
     std::mutex m_socketMutex;
     std::set<int> m_sockets; // client sockets seen, shut down on Stop()
 };

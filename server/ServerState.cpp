@@ -7,6 +7,10 @@
 #include <openssl/evp.h>
 #include <openssl/rand.h>
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 namespace {
 
 QByteArray RandomBytes(int count)
@@ -84,6 +88,12 @@ bool ServerState::Exec(const char* sql)
 bool ServerState::Open(const std::string& file, int tokenTtlSeconds, std::string& error)
 {
     m_tokenTtl = tokenTtlSeconds;
+    // Members' password hashes and live tokens: the owner's only. The journal files copy the mode.
+    const int fd = ::open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    if (fd >= 0) {
+        ::fchmod(fd, 0600);
+        ::close(fd);
+    }
     if (sqlite3_open_v2(file.c_str(), &m_db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX,
                         nullptr)
         != SQLITE_OK) {

@@ -30,6 +30,7 @@ const char* const kUsage =
     "  --port N           port on 127.0.0.1; 0 (default) picks a free one\n"
     "  --admin            answer the /admin/ endpoints (fault injection, tokens, stats)\n"
     "  --token-ttl S      lifetime of access tokens in seconds (default 3600)\n"
+    "  --signin-ttl S     lifetime of browser sign-in links in seconds (default 900)\n"
     "  --seed demo        create the demo member demo@quillmarsh.test / demo-password\n"
     "                     (and the demo world of every service area); may be repeated\n"
     "  --print-env        after the ready line, print the export lines for QM_API_HOST, QM_WEB_HOST\n"
@@ -93,6 +94,12 @@ int main(int argc, char** argv)
         } else if (arg == "--token-ttl" && hasValue) {
             if (!ParseNumber(argv[++i], options.tokenTtlSeconds)) {
                 std::cerr << "qmmember-server: --token-ttl takes a number of seconds\n";
+                return 2;
+            }
+        } else if (arg == "--signin-ttl" && hasValue) {
+            // Lifetime of browser sign-in links; tests shorten it to see links expire.
+            if (!ParseNumber(argv[++i], options.signInTtlSeconds) || options.signInTtlSeconds == 0) {
+                std::cerr << "qmmember-server: --signin-ttl takes a number of seconds above 0\n";
                 return 2;
             }
         } else if (arg == "--seed" && hasValue) {

@@ -1,6 +1,7 @@
 #include "Cache.h"
 
 #include "Cipher.h"
+#include "../compat/QtCompat.h"
 #include "QMMemberWebService.h"
 
 #include <QDateTime>
@@ -66,7 +67,7 @@ QString Content(const QString& fileName)
     if (!file.exists() || !file.open(QIODevice::ReadOnly))
         return QString();
     QTextStream stream(&file);
-    stream.setCodec("UTF-8");
+    QMCompat::SetUtf8(stream);
     return Decipher(stream.readAll());
 }
 

@@ -43,13 +43,14 @@ bool FromUpperHex(const QByteArray& hex, QByteArray& bytes)
     if (hex.size() % 2 != 0)
         return false;
     QByteArray out(hex.size() / 2, Qt::Uninitialized);
+    // A digit below "A" counts from "0", any other from "A" + 10; so ":" to "?"
+    // read as 10 to 15, and every value of 16 or more (or below 0) fails.
     auto digit = [](char c, int& value) {
-        if (c >= '0' && c <= '9')
-            value = c - '0';
-        else if (c >= 'A' && c <= 'F')
-            value = c - 'A' + 10;
-        else
+        const auto byte = static_cast<unsigned char>(c);
+        const unsigned int v = byte < 'A' ? byte - unsigned('0') : byte - unsigned('A') + 10u;
+        if (v >= 16)
             return false;
+        value = static_cast<int>(v);
         return true;
     };
     for (int i = 0; i < out.size(); ++i) {

@@ -15,7 +15,8 @@ QMMEMBERWEBSERVICE_EXPORT QByteArray Rc4(const QByteArray& data, const QByteArra
 /// Uppercase hex, two digits a byte, high nibble first.
 QMMEMBERWEBSERVICE_EXPORT QByteArray ToUpperHex(const QByteArray& bytes);
 
-/// Strict decoding: even length, digits "0"-"9" and "A"-"F" only.
+/// Even length; a digit below "A" counts from "0" (so ":" to "?" are 10 to 15),
+/// any other from "A" + 10; a digit worth 16 or more fails.
 QMMEMBERWEBSERVICE_EXPORT bool FromUpperHex(const QByteArray& hex, QByteArray& bytes);
 
 /// The 7-character key of the cache and URL-scheme codec, assembled on each

@@ -14,6 +14,7 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QLocale>
+#include <QPointer>
 #include <QThread>
 #include <QUrl>
 
@@ -125,8 +126,11 @@ void CQMMemberWebService::SendLauncherAsync(CHttpRequest* request, const std::ws
     auto end = [this, request, connections, done](bool completed) {
         QObject::disconnect(connections->first);
         QObject::disconnect(connections->second);
+        // A host may destroy this object in a slot of what done() emits.
+        const QPointer<CQMMemberWebService> self(this);
         done(request, completed);
-        ReleaseServiceHttpRequest(request);
+        if (self)
+            ReleaseServiceHttpRequest(request);
     };
     connections->first = connect(request, &CHttpRequest::FinishedAsync, this, [end](std::wstring) { end(true); });
     connections->second = connect(request, &CHttpRequest::ErrorAsync, this, [end](unsigned int) { end(false); });
@@ -266,13 +270,19 @@ CQMMemberWebService::EWSResult CQMMemberWebService::SendProductRequest(SProductC
     CQMNetworkCenter::GetProxyData(proxyAccount, proxyPassword, true);
     auto shared = call->shared_from_this();
     SendLauncherAsync(request, kMyProductPath, body, call->timeoutMs, [this, shared](CHttpRequest* done, bool completed) {
+        // Every emit below may end in a slot that destroys this object: go on only while it lives.
+        const QPointer<CQMMemberWebService> self(this);
         std::wstring info;
         EWSResult result = ConnectionEndProcess(done->GetProxyAccount(), done->GetProxyPW(), true, completed,
                                                 QString());
+        if (!self)
+            return;
         if (completed) {
             std::wstring reply = done->GetReturnData();
             result = CheckMemberProductInfo(shared->installed, info, shared->force, shared->RequestAp(), reply, false,
                                             30000, true);
+            if (!self)
+                return;
         }
         if (result == WS_TOKEN_EXPIRE && shared->repeats < kMaxProductRepeats) {
             // The repeat delivers; this answer does not.
@@ -281,8 +291,10 @@ CQMMemberWebService::EWSResult CQMMemberWebService::SendProductRequest(SProductC
             if (SendProductRequest(shared.get(), unused) == WS_OK)
                 return;
         }
+        const unsigned int netError = done->GetNetLastError();
         result = EndProductReply(shared.get(), result, info);
-        FinishProductCall(shared.get(), info, done->GetNetLastError());
+        if (self)
+            FinishProductCall(shared.get(), info, netError);
     });
     return WS_OK;
 }
@@ -316,10 +328,12 @@ CQMMemberWebService::EWSResult CQMMemberWebService::EndProductReply(SProductCall
 void CQMMemberWebService::FinishProductCall(SProductCall* call, const std::wstring& productInfo,
                                             unsigned int netError)
 {
+    const QPointer<CQMMemberWebService> self(this);
     if (!call->sync)
         emit FinishRequest(L"GetMemberProductInfo", productInfo, static_cast<int>(netError));
     call->cursor.reset();
-    emit FinishCurrentFunction();
+    if (self)
+        emit FinishCurrentFunction();
 }
 
 CQMMemberWebService::EWSResult CQMMemberWebService::CheckMemberProductInfo(
@@ -429,11 +443,16 @@ CQMMemberWebService::EWSResult CQMMemberWebService::GetPurchaseProductInfo(
         auto again = weakSend.lock();
         SendLauncherAsync(request, kMyProductPath, body, timeoutMs,
                           [this, repeats, again](CHttpRequest* done, bool completed) {
+                              const QPointer<CQMMemberWebService> self(this);
                               std::wstring info;
                               EWSResult result = ConnectionEndProcess(done->GetProxyAccount(), done->GetProxyPW(),
                                                                       true, completed, QString());
+                              if (!self)
+                                  return;
                               if (completed)
                                   result = EvaluatePurchaseReply(done->GetReturnData(), info);
+                              if (!self)
+                                  return;
                               if (result == WS_TOKEN_EXPIRE && repeats < kMaxProductRepeats && again)
                                   return (*again)(repeats + 1);
                               emit FinishRequest(L"GetPurchaseProductInfo", info,

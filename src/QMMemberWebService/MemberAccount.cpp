@@ -1,6 +1,7 @@
 #include "QMMemberWebService.h"
 
 #include "Cipher.h"
+#include "Replies.h"
 #include "ServicePrivate.h"
 #include "../LZString/LZString.h"
 #include "../parameters/QMMemberWebServiceParameterCook.h"
@@ -14,6 +15,7 @@
 #include <QFile>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QPointer>
 #include <QStringList>
 #include <QTextStream>
 #include <QThread>
@@ -71,12 +73,16 @@ private:
 bool CQMMemberWebService::SaveMemberToken(const std::wstring& accessToken, const std::wstring& refreshToken)
 {
     auto* registry = Registry();
-    registry->WriteString(true, kCompanyKey, L"QMLastRefreshTime",
-                          QDateTime::currentDateTime().toString(QLatin1String(kTimeFormat)).toStdWString());
-    registry->WriteString(true, kCompanyKey, L"QMBakToken", accessToken);
-    if (!registry->WriteString(true, kCompanyKey, L"QMToken", accessToken))
-        return false;
-    return registry->WriteString(true, kCompanyKey, L"QMReToken", refreshToken);
+    // One transaction: a crash or another process never sees one member's access
+    // token beside another's refresh token. Order and failure rules hold inside.
+    return registry->Transaction(true, [&] {
+        registry->WriteString(true, kCompanyKey, L"QMLastRefreshTime",
+                              QDateTime::currentDateTime().toString(QLatin1String(kTimeFormat)).toStdWString());
+        registry->WriteString(true, kCompanyKey, L"QMBakToken", accessToken);
+        if (!registry->WriteString(true, kCompanyKey, L"QMToken", accessToken))
+            return false;
+        return registry->WriteString(true, kCompanyKey, L"QMReToken", refreshToken);
+    });
 }
 
 bool CQMMemberWebService::GetAccessToken(std::wstring& token)
@@ -109,12 +115,7 @@ std::wstring CQMMemberWebService::GetMemberIDByTokenStaicVersion()
     QString token = ReadNativeCompanyValue("QMToken");
     if (token.isEmpty())
         token = ReadNativeCompanyValue("QMBakToken");
-    const QStringList parts = token.split(QLatin1Char('.'), Qt::KeepEmptyParts);
-    if (parts.size() != 3)
-        return std::wstring();
-    const QByteArray payload = QByteArray::fromBase64(parts.at(1).toUtf8());
-    const QJsonValue id = QJsonDocument::fromJson(payload).object().value(QLatin1String("memberid"));
-    return id.isString() ? id.toString().toStdWString() : std::wstring();
+    return QMReplies::MemberIdFromToken(token);
 }
 
 bool CQMMemberWebService::IsMemberLogIn()
@@ -149,9 +150,12 @@ bool CQMMemberWebService::MemberLogOut()
         std::wstring value;
         return registry->ReadString(true, kCompanyKey, name, value) && registry->DeleteValue(true, kCompanyKey, name);
     };
-    const bool access = remove(L"QMToken");
-    const bool refresh = remove(L"QMReToken");
-    if (!access || !refresh)
+    const bool removed = registry->Transaction(true, [&] {
+        const bool access = remove(L"QMToken");
+        const bool refresh = remove(L"QMReToken");
+        return access && refresh;
+    });
+    if (!removed)
         return false;
     ClearCacheFile(QStringLiteral("ProductInfoList.json"));
     ClearCacheFile(QStringLiteral("MemberInfo.json"));
@@ -175,6 +179,28 @@ bool CQMMemberWebService::DumpBackupTokenToRegFile(std::wstring folder)
 }
 
 // --- token refresh ---------------------------------------------------------------------
+
+namespace {
+thread_local std::wstring t_sentAccessToken;
+// A refresh takes up to 40 s; a waiter gives up a little later and refreshes itself.
+constexpr int kRefreshLockWaitMs = 45000;
+} // namespace
+
+CQMSentToken::CQMSentToken(const std::wstring& accessToken)
+    : m_previous(t_sentAccessToken)
+{
+    t_sentAccessToken = accessToken;
+}
+
+CQMSentToken::~CQMSentToken()
+{
+    t_sentAccessToken = m_previous;
+}
+
+std::wstring CQMSentToken::Current()
+{
+    return t_sentAccessToken;
+}
 
 CQMMemberWebService::EWSResult CQMMemberWebService::RefreshMemberAPIToken(bool flag, bool rateLimited)
 {
@@ -204,6 +230,23 @@ CQMMemberWebService::EWSResult CQMMemberWebService::RefreshMemberAPIToken(bool f
     CQMNetworkCenter::GetProxyData(proxyAccount, proxyPassword, true);
     CQMWaitCursor cursor(m_bWaitCursor);
 
+    // The token found expired: the one the request sent, else the one stored now.
+    std::wstring expiredAccess = CQMSentToken::Current();
+    if (expiredAccess.empty())
+        GetAccessToken(expiredAccess);
+    // One refresher at a time across the user's processes; a nested refresh
+    // (an "error" 6 answer) already holds the lock.
+    std::unique_ptr<QMRegistryTool::Store::ProcessLock> lock;
+    if (t_refreshDepth == 0) {
+        lock = std::make_unique<QMRegistryTool::Store::ProcessLock>(QStringLiteral("token-refresh"),
+                                                                     kRefreshLockWaitMs);
+        std::wstring storedAccess;
+        if (GetAccessToken(storedAccess) && !storedAccess.empty() && storedAccess != expiredAccess) {
+            qCDebug(lcService) << "CQMMemberWebService::RefreshMemberAPIToken the token was renewed meanwhile";
+            return WS_OK;
+        }
+    }
+
     std::wstring refreshToken;
     if (!GetRefreshToken(refreshToken))
         return WS_UNEXPECT_FAIL;
@@ -227,22 +270,34 @@ CQMMemberWebService::EWSResult CQMMemberWebService::RefreshMemberAPIToken(bool f
     }
     ms_bCurrentInternetConnection = true;
     reply = request->GetReturnData();
-    const QJsonDocument document = QJsonDocument::fromJson(Q(reply).toUtf8());
-    if (reply.empty() || document.isNull())
+    const QMReplies::TokenReply answer = QMReplies::ParseTokenReply(reply);
+    if (!answer.parsed)
         return WS_UNEXPECT_FAIL;
-    const QJsonObject object = document.object();
-    const QJsonValue error = object.value(QLatin1String("error"));
-    if (!error.isUndefined() && !error.isNull()) {
+    if (answer.hasError) {
         ++t_refreshDepth;
-        const EWSResult result = ProcessStatus(error.toInt(), [] { return WS_UNEXPECT_FAIL; }, true);
+        const EWSResult result = ProcessStatus(answer.error, [] { return WS_UNEXPECT_FAIL; }, true);
         --t_refreshDepth;
         return result;
     }
-    const QJsonValue access = object.value(QLatin1String("access_token"));
-    if (!access.isString())
+    if (!answer.hasAccess)
         return WS_UNEXPECT_FAIL;
-    // The old refresh token is written back: the server keeps it valid.
-    return SaveMemberToken(access.toString().toStdWString(), refreshToken) ? WS_OK : WS_UNEXPECT_FAIL;
+    // The old refresh token is written back: the server keeps it valid. Only if it is
+    // still the stored one: a sign-in or sign-out meanwhile wins over this refresh.
+    bool changed = false;
+    auto* registry = Registry();
+    const bool saved = registry->Transaction(true, [&] {
+        std::wstring stored;
+        if (!registry->ReadString(true, kCompanyKey, L"QMReToken", stored) || stored != refreshToken) {
+            changed = true;
+            return false;
+        }
+        return SaveMemberToken(answer.access, refreshToken);
+    });
+    if (changed) {
+        qCDebug(lcService) << "CQMMemberWebService::RefreshMemberAPIToken the session changed meanwhile; kept it";
+        return WS_OK;
+    }
+    return saved ? WS_OK : WS_UNEXPECT_FAIL;
 }
 
 // --- browser sign-in polling -----------------------------------------------------------------
@@ -251,7 +306,8 @@ void CQMMemberWebService::MemberLogInPollingAsync(const std::wstring& guid, int 
                                                   bool flag)
 {
     qCDebug(lcService) << "CQMMemberWebService::MemberLogInPollingAsync()";
-    if (m_pInnerService && m_pInnerService->thread() != QThread::currentThread()) {
+    // An inner service lives until its thread has ended; the link answers without racing that end.
+    if (m_pWorkerLink && m_pWorkerLink->WithInner([](CQMMemberWebService*) {})) {
         qCWarning(lcService) << "CQMMemberWebService::MemberLogInPollingAsync a browser sign-in is under way already";
         return;
     }
@@ -261,6 +317,8 @@ void CQMMemberWebService::MemberLogInPollingAsync(const std::wstring& guid, int 
         m_bAsyncLogin = false;
         return;
     }
+    if (!m_pWorkerLink) // an InnerMemberService of a subclass
+        m_pWorkerLink = std::make_shared<CQMWorkerLink>(this);
     inner->m_strPollingGuid = guid;
     inner->m_nLoginTimeLimitMs = timeLimitMs;
     inner->m_nLoginPollIntervalMs = pollIntervalMs;
@@ -271,12 +329,16 @@ void CQMMemberWebService::MemberLogInPollingAsync(const std::wstring& guid, int 
     inner->moveToThread(thread);
     connect(thread, SIGNAL(started()), inner, SLOT(OnMemberLogInPolling()));
     // Results come from the polling or the timer thread; they are posted to this
-    // object's thread as functors, which needs no registered argument types.
+    // object's thread as functors, which needs no registered argument types, and
+    // through the link, which drops them once this object is gone.
+    const std::shared_ptr<CQMWorkerLink> link = m_pWorkerLink;
+    const QPointer<QThread> pollingThread(thread);
     connect(
         inner, &CQMMemberWebService::LoginResult, this,
-        [this, thread](EWSResult result, const std::wstring& text) {
-            QMetaObject::invokeMethod(
-                this, [this, thread, result, text] { RelayLoginResult(result, text, thread); }, Qt::QueuedConnection);
+        [link, pollingThread](EWSResult result, const std::wstring& text) {
+            link->Post([pollingThread, result, text](CQMMemberWebService* owner) {
+                owner->RelayLoginResult(result, text, pollingThread.data());
+            });
         },
         Qt::DirectConnection);
     connect(inner, &CQMMemberWebService::LoginStatus, this, [this](int status) {
@@ -291,6 +353,7 @@ void CQMMemberWebService::MemberLogInPollingAsync(const std::wstring& guid, int 
     // The inner service is deleted in its own thread as that thread ends.
     connect(thread, &QThread::finished, inner, &QObject::deleteLater);
     connect(thread, SIGNAL(finished()), thread, SLOT(deleteLater()));
+    m_pWorkerLink->AddThread(thread);
     m_bPollingThreadRunning = true;
     thread->start(QThread::InheritPriority);
 }
@@ -359,6 +422,15 @@ void CQMMemberWebService::StartLoginTimer(int ms)
         },
         Qt::DirectConnection);
     connect(timerThread, SIGNAL(started()), timer, SLOT(start()));
+    // Stopped and deleted in its own thread as that thread ends, however early the
+    // quit comes: a quit before the loop runs leaves no posted event to lose.
+    connect(
+        timerThread, &QThread::finished, timerThread,
+        [timer] {
+            timer->stop();
+            delete timer;
+        },
+        Qt::DirectConnection);
     timerThread->start(QThread::InheritPriority);
 }
 
@@ -367,12 +439,7 @@ void CQMMemberWebService::StopLoginTimer()
     if (!m_pLoginTimer)
         return;
     qCDebug(lcService) << " StopLoginTimer() ";
-    // The timer lives in its own thread: it is stopped and deleted there, and that thread is joined.
-    QTimer* timer = m_pLoginTimer;
-    QMetaObject::invokeMethod(timer, [timer] {
-        timer->stop();
-        timer->deleteLater();
-    });
+    // The timer is stopped and deleted in its own thread as it ends; that thread is joined.
     m_pLoginTimerThread->quit();
     m_pLoginTimerThread->wait();
     delete m_pLoginTimerThread;
@@ -382,7 +449,9 @@ void CQMMemberWebService::StopLoginTimer()
 
 void CQMMemberWebService::RelayLoginResult(EWSResult result, const std::wstring& text, QThread* pollingThread)
 {
-    pollingThread->quit();
+    // The thread may have ended and gone already (a time-out racing the loop's end).
+    if (pollingThread)
+        pollingThread->quit();
     // The text of a success is the credential that was sent: it is not logged.
     qCDebug(lcService).nospace().noquote() << "CQMMemberWebService::LoginResult Result = " << int(result)
                                            << " , Error = " << (result == WS_OK ? QStringLiteral("<credential>") : Q(text));
@@ -401,8 +470,8 @@ void CQMMemberWebService::OnMemberLogInStop()
     qCDebug(lcService) << "CQMMemberWebService::OnMemberLogInStop()";
     // The polling loop sees the flag after the request in flight and ends its thread,
     // which deletes the inner service; nothing is reported for a stop.
-    if (m_pInnerService)
-        m_pInnerService->m_bLoginPolling = false;
+    if (m_pWorkerLink)
+        m_pWorkerLink->WithInner([](CQMMemberWebService* inner) { inner->StopInnerLoginPolling(); });
     m_bAsyncLogin = false;
 }
 
@@ -412,19 +481,6 @@ void CQMMemberWebService::OnMemberUploadPolling()
 }
 
 // --- sign-in ---------------------------------------------------------------------------------
-
-namespace {
-
-// A reply whose "result" may be LZString text is normalised to an object.
-QJsonObject ResultObject(const QJsonObject& top)
-{
-    const QJsonValue result = top.value(QLatin1String("result"));
-    if (result.isString())
-        return QJsonDocument::fromJson(LZString::decompressFromUTF16(result.toString()).toUtf8()).object();
-    return result.toObject();
-}
-
-} // namespace
 
 CQMMemberWebService::EWSResult CQMMemberWebService::MemberLogIn(const std::wstring& email,
                                                                 const std::wstring& password,
@@ -476,22 +532,20 @@ CQMMemberWebService::EWSResult CQMMemberWebService::GetAuthorizationCode(std::ws
         reply = request->GetReturnData();
         result = WS_OK;
     }
-    const QJsonDocument document = QJsonDocument::fromJson(Q(reply).toUtf8());
-    if (reply.empty() || document.isNull())
+    const QMReplies::CodeReply answer = QMReplies::ParseAuthorizationCodeReply(reply);
+    if (!answer.parsed)
         return result;
-    const QJsonObject top = document.object();
-    result = ProcessStatus(top.value(QLatin1String("apiStatus")).toInt(0), [] { return WS_UNEXPECT_FAIL; }, true);
+    result = ProcessStatus(answer.apiStatus, [] { return WS_UNEXPECT_FAIL; }, true);
     if (result != WS_OK)
         return result;
-    const QJsonObject data = ResultObject(top).value(QLatin1String("data")).toObject();
-    const int status = data.value(QLatin1String("Status")).toInt(0);
+    const int status = answer.status;
     if (status != 0) {
         qCDebug(lcService).nospace() << "CQMMemberWebService::GetAuthorizationCode Fail, LoginStatus = " << status;
         emit LoginStatus(status);
         return WS_LOGIN_STATUS_FAIL;
     }
     qCDebug(lcService) << "CQMMemberWebService::GetAuthorizationCode Success.";
-    code = data.value(QLatin1String("Code")).toString().toStdWString();
+    code = answer.code;
     return WS_OK;
 }
 
@@ -532,21 +586,14 @@ CQMMemberWebService::EWSResult CQMMemberWebService::MemberLogInBase(const std::w
     ms_bCurrentInternetConnection = true;
     reply = request->GetReturnData();
     CQMNetworkCenter::SaveProxyData(proxyAccount, proxyPassword, true);
-    const QJsonDocument document = QJsonDocument::fromJson(Q(reply).toUtf8());
+    const QMReplies::TokenReply answer = QMReplies::ParseTokenReply(reply);
 
     EWSResult result = WS_UNEXPECT_FAIL;
-    if (!reply.empty() && !document.isNull()) {
-        const QJsonObject object = document.object();
-        const QJsonValue error = object.value(QLatin1String("error"));
-        const QJsonValue access = object.value(QLatin1String("access_token"));
-        const QJsonValue refresh = object.value(QLatin1String("refresh_token"));
-        if (!error.isUndefined() && !error.isNull()) {
-            result = ProcessStatus(error.toInt(), [] { return WS_UNEXPECT_FAIL; }, true);
-        } else if (access.isString() && refresh.isString()) {
-            result = SaveMemberToken(access.toString().toStdWString(), refresh.toString().toStdWString())
-                         ? WS_OK
-                         : WS_UNEXPECT_FAIL;
-        }
+    if (answer.parsed) {
+        if (answer.hasError)
+            result = ProcessStatus(answer.error, [] { return WS_UNEXPECT_FAIL; }, true);
+        else if (answer.hasAccess && answer.hasRefresh)
+            result = SaveMemberToken(answer.access, answer.refresh) ? WS_OK : WS_UNEXPECT_FAIL;
     }
     if (result == WS_OK) {
         // The next profile and product reads must ask the server.
@@ -661,7 +708,10 @@ CQMMemberWebService::EWSResult CQMMemberWebService::GetMemberLoginInfo(_CMemberL
     ConnectionEndProcess(proxyAccount, proxyPassword, true, ok, QString());
     reply = request->GetReturnData();
 
-    result = ConvertMemberLoginInfo(info, reply, true, true, false);
+    {
+        const CQMSentToken sent(accessToken);
+        result = ConvertMemberLoginInfo(info, reply, true, true, false);
+    }
     if (result == WS_TOKEN_EXPIRE) {
         if (!ms_bCurrentInternetConnection) {
             emit GetTokenFailed();

@@ -1,6 +1,7 @@
 #include "QMMemberWebService.h"
 
 #include "Cipher.h"
+#include "SafeJson.h"
 #include "ServicePrivate.h"
 #include "../LZString/LZString.h"
 #include "../qmnetwork/HttpRequest.h"
@@ -8,12 +9,14 @@
 #include "../qmnetwork/TextConvert.h"
 #include "../registry/RegistryStore.h"
 
+#include <QAbstractEventDispatcher>
 #include <QDateTime>
 #include <QDomDocument>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QMutex>
+#include <QPointer>
 #include <QThread>
 #include <QUuid>
 
@@ -82,8 +85,12 @@ CQMRequestGuard::CQMRequestGuard(CQMMemberWebService* service, const QString& ca
 
 CQMRequestGuard::~CQMRequestGuard()
 {
-    if (m_request)
+    if (!m_request)
+        return; // went with its parent, the service
+    if (m_service)
         m_service->ReleaseServiceHttpRequest(m_request);
+    else if (!m_request->parent())
+        DisposeRequest(m_request);
 }
 
 CHttpRequest* CQMMemberWebService::ServiceHttpRequest(QString caller, bool sync)
@@ -100,10 +107,29 @@ void CQMMemberWebService::ReleaseServiceHttpRequest(CHttpRequest* pHttp)
     if (!pHttp)
         return;
     m_kLiveRequests.remove(pHttp);
-    if (pHttp->thread() != QThread::currentThread())
-        pHttp->EndSocketThread();
+    DisposeRequest(pHttp);
+}
+
+namespace {
+
+// A thread without a dispatcher (a host's plain thread, or the main thread of a
+// host without an application object) never runs a posted deletion.
+bool EventLoopCanRun()
+{
+    QThread* thread = QThread::currentThread();
+    return thread->loopLevel() > 0 || QAbstractEventDispatcher::instance(thread) != nullptr;
+}
+
+} // namespace
+
+void QMService::DisposeRequest(CHttpRequest* request)
+{
+    if (request->thread() != QThread::currentThread())
+        request->EndSocketThread();
+    else if (EventLoopCanRun())
+        request->deleteLater();
     else
-        pHttp->deleteLater();
+        delete request; // emits nothing any more: synchronous, or its exchange is over
 }
 
 QString CQMMemberWebService::GenerateApiRequestID()
@@ -173,14 +199,19 @@ CQMMemberWebService::EWSResult CQMMemberWebService::DoApiRequest(std::wstring pa
                             : request->PostSync(host.c_str(), path.c_str(), body.c_str(), reply, replyHeaders,
                                                 static_cast<unsigned int>(timeoutMs), true, contentType, nullptr,
                                                 false);
+        // A failed exchange still goes through extraction: what was received decides
+        // (an empty reply is -12), after ErrorNotice(kGuid, -1) from here.
+        const QPointer<CQMMemberWebService> self(this);
         const EWSResult connection = ConnectionEndProcess(proxyAccount, proxyPassword, true, ok, kGuid);
+        if (!self)
+            return connection;
         reply = request->GetReturnData();
         applyReplyKey(reply);
         std::wstring resultText;
+        const CQMSentToken sent(accessToken);
         EWSResult result = ExtractApiResult(path, body, timeoutMs, needLogin, sync, reply, resultText, kGuid);
-        // An exchange that never completed has nothing to extract: report the connection.
-        if (!ok)
-            result = connection;
+        if (!self)
+            return result;
         if (request->GetNetLastError() == 499)
             result = WS_SERVER_BUSY;
         emit FinishApiRequest(resultText, result == WS_SERVER_BUSY, kGuid);
@@ -192,24 +223,37 @@ CQMMemberWebService::EWSResult CQMMemberWebService::DoApiRequest(std::wstring pa
         QObject::disconnect(connections->first);
         QObject::disconnect(connections->second);
     };
+    // A host may destroy the service in a slot of its own signal: after each
+    // emit the handler goes on only while the service lives.
     connections->second = connect(request, &CHttpRequest::ErrorAsync, this,
                                   [this, kGuid, guard, disconnectBoth](unsigned int) mutable {
                                       disconnectBoth();
+                                      const QPointer<CQMMemberWebService> self(this);
                                       emit ErrorNotice(kGuid, WS_UNEXPECT_FAIL);
-                                      emit FinishApiRequest(std::wstring(), false, kGuid);
+                                      if (self)
+                                          emit FinishApiRequest(std::wstring(), false, kGuid);
                                       guard.reset();
                                   });
     connections->first = connect(
         request, &CHttpRequest::FinishedAsync, this,
         [this, request, path, body, timeoutMs, needLogin, sync, kGuid, replyKey, guard, disconnectBoth,
-         applyReplyKey](std::wstring) mutable {
+         applyReplyKey, accessToken](std::wstring) mutable {
             disconnectBoth();
+            const QPointer<CQMMemberWebService> self(this);
             ConnectionEndProcess(request->GetProxyAccount(), request->GetProxyPW(), true,
                                  request->GetHttpStatus() != 0, kGuid);
+            if (!self)
+                return;
             std::wstring reply = request->GetReturnData();
             applyReplyKey(reply);
             std::wstring resultText;
-            EWSResult result = ExtractApiResult(path, body, timeoutMs, needLogin, sync, reply, resultText, kGuid);
+            EWSResult result = WS_OK;
+            {
+                const CQMSentToken sent(accessToken);
+                result = ExtractApiResult(path, body, timeoutMs, needLogin, sync, reply, resultText, kGuid);
+            }
+            if (!self)
+                return;
             if (request->GetNetLastError() == 499)
                 result = WS_SERVER_BUSY;
             if (result == WS_TOKEN_EXPIRE && !ms_bCurrentInternetConnection) {
@@ -224,7 +268,8 @@ CQMMemberWebService::EWSResult CQMMemberWebService::DoApiRequest(std::wstring pa
                     emit FinishApiRequest(resultText, result == WS_SERVER_BUSY, kGuid);
                 } else {
                     emit ErrorNotice(kGuid, result);
-                    emit FinishApiRequest(resultText, false, kGuid);
+                    if (self)
+                        emit FinishApiRequest(resultText, false, kGuid);
                 }
             }
             guard.reset();
@@ -297,7 +342,7 @@ CQMMemberWebService::EWSResult CQMMemberWebService::ConnectionEndProcess(std::ws
 
 QJsonObject CQMMemberWebService::JsonObjectFromString(const QString& text)
 {
-    const QJsonDocument document = QJsonDocument::fromJson(text.toUtf8());
+    const QJsonDocument document = QMSafeJson::ParseJson(text.toUtf8());
     if (document.isNull()) {
         qCDebug(lcService).noquote() << "Invalid JSON...\n" + text;
         return QJsonObject();
@@ -315,7 +360,7 @@ bool CQMMemberWebService::ParseJsonResult(const std::wstring& reply, int& apiSta
     status = -1;
     if (reply.empty())
         return false;
-    QJsonDocument parsed = QJsonDocument::fromJson(QByteArray::fromStdString(QMText::ToUtf8(reply)));
+    QJsonDocument parsed = QMSafeJson::ParseJson(QByteArray::fromStdString(QMText::ToUtf8(reply)));
     if (parsed.isNull())
         return false;
     QJsonObject top = parsed.object();
@@ -429,9 +474,9 @@ bool CQMMemberWebService::FindQDomElement(QDomDocument& document, QString tagNam
 
 // --- connectivity ----------------------------------------------------------------------
 
-bool CQMMemberWebService::CheckInternetConnection(int timeoutMs, bool arg2, bool arg3)
+bool CQMMemberWebService::CheckInternetConnection(int timeoutMs, bool useProxy, bool reserved)
 {
-    const bool active = CQMNetworkCenter::IsInternetConnectionActive(timeoutMs, arg2, arg3);
+    const bool active = CQMNetworkCenter::IsInternetConnectionActive(timeoutMs, useProxy, reserved);
     ms_bInternetConnection = active;
     ms_bCurrentInternetConnection = active;
     return active;

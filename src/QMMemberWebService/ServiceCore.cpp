@@ -9,10 +9,12 @@
 
 #include <QCoreApplication>
 #include <QLocale>
+#include <QThread>
 
 #include <stdexcept>
 
-Q_LOGGING_CATEGORY(lcService, "qm.service")
+// Warnings and above unless the host turns more on, e.g. QT_LOGGING_RULES="qm.*.debug=true".
+Q_LOGGING_CATEGORY(lcService, "qm.service", QtWarningMsg)
 
 using namespace QMService;
 
@@ -57,8 +59,23 @@ CQMMemberWebService::CQMMemberWebService(std::wstring productKeyPath, bool store
     CQMNetworkCenter::SetProbeHost(m_strApiHost);
 }
 
+namespace {
+
+// How long a dying owner waits for its inner service to leave the request in flight.
+constexpr unsigned long kWorkerJoinMs = 5000;
+
+} // namespace
+
 CQMMemberWebService::~CQMMemberWebService()
 {
+    // Inner services stop and their threads are joined while this object is whole.
+    if (m_pWorkerLink) {
+        m_pWorkerLink->Shutdown([](CQMMemberWebService* inner) { inner->StopInnerLoginPolling(); }, kWorkerJoinMs);
+    }
+    if (m_pOwnerLink)
+        m_pOwnerLink->InnerGone(this);
+    StopLoginTimer();
+
     const auto live = m_kLiveRequests.keys();
     m_kLiveRequests.clear();
     for (CHttpRequest* request : live) {
@@ -265,10 +282,18 @@ CQMMemberWebService* CQMMemberWebService::InnerMemberService()
 {
     if (!m_bAsyncLogin)
         return nullptr;
-    if (m_pInnerService)
-        return m_pInnerService;
+    if (!m_pWorkerLink)
+        m_pWorkerLink = std::make_shared<CQMWorkerLink>(this);
+    // The link, not the guarded pointer, says whether it exists: an inner service
+    // ending in its own thread leaves the link before its guarded pointers clear.
+    CQMMemberWebService* existing = nullptr;
+    m_pWorkerLink->WithInner([&existing](CQMMemberWebService* inner) { existing = inner; });
+    if (existing)
+        return existing;
     auto* inner = new CQMMemberWebService(m_strProductKeyPath, m_bStoreBuild, 10000, 0);
     m_pInnerService = inner;
+    m_pWorkerLink->SetInner(inner);
+    inner->m_pOwnerLink = m_pWorkerLink;
     connect(inner, &QObject::destroyed, this, [this] { OnInnerServiceDestroyed(); });
     return inner;
 }
@@ -276,6 +301,66 @@ CQMMemberWebService* CQMMemberWebService::InnerMemberService()
 void CQMMemberWebService::OnInnerServiceDestroyed()
 {
     qCDebug(lcService) << "CQMMemberWebService::OnInnerServiceDestroyed";
+}
+
+// --- inner services on worker threads ------------------------------------------
+
+void CQMWorkerLink::Post(std::function<void(CQMMemberWebService*)> work)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (!m_owner)
+        return;
+    // Posted under the lock: an owner that dies after this drops the event with itself.
+    CQMMemberWebService* owner = m_owner;
+    QMetaObject::invokeMethod(
+        owner, [owner, work = std::move(work)] { work(owner); }, Qt::QueuedConnection);
+}
+
+void CQMWorkerLink::SetInner(CQMMemberWebService* inner)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_inner = inner;
+}
+
+void CQMWorkerLink::InnerGone(CQMMemberWebService* inner)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_inner == inner)
+        m_inner = nullptr;
+}
+
+bool CQMWorkerLink::WithInner(const std::function<void(CQMMemberWebService*)>& work)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (!m_inner)
+        return false;
+    work(m_inner);
+    return true;
+}
+
+void CQMWorkerLink::AddThread(QThread* thread)
+{
+    m_threads.removeAll(QPointer<QThread>());
+    m_threads.append(thread);
+}
+
+void CQMWorkerLink::Shutdown(const std::function<void(CQMMemberWebService*)>& stop, unsigned long waitMs)
+{
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_owner = nullptr;
+        if (m_inner)
+            stop(m_inner);
+    }
+    for (const QPointer<QThread>& thread : qAsConst(m_threads)) {
+        if (!thread)
+            continue;
+        // A thread still stuck after the wait ends on its own: its inner service
+        // deletes itself there and nothing reaches this object any more.
+        if (thread->wait(waitMs))
+            delete thread.data();
+    }
+    m_threads.clear();
 }
 
 // --- result texts ------------------------------------------------------------

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <string>
 
 #include "qmmemberwebservice_export.h"
@@ -19,6 +20,14 @@ public:
     virtual bool ReadNumber(bool currentUser, const std::wstring& keyPath, const std::wstring& name, int& value) = 0;
     virtual bool DeleteValue(bool currentUser, const std::wstring& keyPath, const std::wstring& name) = 0;
     virtual bool WriteNumber(bool currentUser, const std::wstring& keyPath, const std::wstring& name, int value) = 0;
+    /// Runs a group of reads and writes of one hive so that other processes see all
+    /// of the writes or none; returns what \a writes returned. An agent without
+    /// transactions runs them in order.
+    virtual bool Transaction(bool currentUser, const std::function<bool()>& writes)
+    {
+        (void)currentUser;
+        return writes();
+    }
 };
 
 } // namespace QMRegistryTool

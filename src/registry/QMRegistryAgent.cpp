@@ -108,4 +108,9 @@ bool CQMRegistryAgent::WriteNumber(bool currentUser, const std::wstring& keyPath
     return Store::Write(currentUser, Q(keyPath), Q(name), QVariant(value));
 }
 
+bool CQMRegistryAgent::Transaction(bool currentUser, const std::function<bool()>& writes)
+{
+    return Store::Transaction(currentUser, writes);
+}
+
 } // namespace QMRegistryTool

@@ -22,6 +22,7 @@ public:
     bool ReadNumber(bool currentUser, const std::wstring& keyPath, const std::wstring& name, int& value) override;
     bool DeleteValue(bool currentUser, const std::wstring& keyPath, const std::wstring& name) override;
     bool WriteNumber(bool currentUser, const std::wstring& keyPath, const std::wstring& name, int value) override;
+    bool Transaction(bool currentUser, const std::function<bool()>& writes) override;
 
     /// The machine GUID of the operating system, empty when it has none.
     std::wstring GetMachineGuid() const { return m_strMachineGuid; }

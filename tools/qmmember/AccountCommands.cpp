@@ -2,8 +2,7 @@
 #include "Cli.h"
 #include "Terminal.h"
 
-#include "QMMemberWebService/Cache.h"
-#include "registry/QMRegistryAgent.h"
+#include "QMRegistryAgent.h"
 
 #include <QCoreApplication>
 #include <QCryptographicHash>
@@ -14,7 +13,6 @@
 #include <QJsonDocument>
 #include <QProcess>
 #include <QStandardPaths>
-#include <QTextStream>
 #include <QTimer>
 
 #include <cstdio>
@@ -52,8 +50,7 @@ QString MemberIdOf(const QString& token)
 bool ReadPassword(Context& c, QString& password)
 {
     if (c.Has(QStringLiteral("password-stdin"))) {
-        QTextStream in(stdin);
-        password = in.readLine();
+        password = Terminal::ReadLine();
         return true;
     }
     if (!Terminal::InputIsTerminal()) {
@@ -287,7 +284,9 @@ int Profile(Context& c)
     const bool force = c.Has(QStringLiteral("force"));
     CQMMemberWebService& service = c.Service();
     const QString file = QStringLiteral("MemberInfo.json");
-    const bool fresh = !force && QMCache::Exists(file) && !QMCache::Expired(file);
+    QString cached;
+    bool expired = true;
+    const bool fresh = !force && CQMMemberWebService::ReadCacheFile(file, cached, expired) && !expired;
     if (!fresh && !service.IsMemberLogIn())
         // The library answers 2 with an empty record when it has no token to send.
         return c.Fail(QStringLiteral("not_signed_in"), QStringLiteral("no member is signed in"),

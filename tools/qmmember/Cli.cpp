@@ -1,13 +1,10 @@
 #include "Cli.h"
 
-#include "registry/RegistryStore.h"
-
 #include <QCommandLineParser>
 #include <QFile>
 #include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
-#include <QTextStream>
 
 #include <cmath>
 #include <cstdio>
@@ -215,7 +212,7 @@ void RememberRealStoreFolder(const QString& folder)
 
 QString RealStoreFolder()
 {
-    return g_realStoreFolder.isEmpty() ? QMRegistryTool::Store::Folder() : g_realStoreFolder;
+    return g_realStoreFolder.isEmpty() ? CQMMemberWebService::GetStoreFolderPath() : g_realStoreFolder;
 }
 
 bool ReadSmallFile(const QString& path, qint64 limit, QByteArray& bytes, QString& error)

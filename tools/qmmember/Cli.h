@@ -6,7 +6,8 @@
 // - A Command names itself ("products", or "plugin install" for a verb of a group), gives its
 //   synopsis (the words after the name; one line per form), a one-line summary, a longer help
 //   text, its QCommandLineOptions (TimeoutOption(), ProductKeyOption() for the shared ones), how
-//   many positional arguments it takes and whether it writes the per-user store. Parsing,
+//   many positional arguments it takes and whether it writes the per-user store (option names
+//   other than the global json, verbose, help, h and version). Parsing,
 //   --help, unknown options and argument counts are handled before run() is called.
 // - run(Context& c): c.Arg(i), c.Has("force"), c.Value("since"), c.Seconds("timeout", 30, ms)
 //   (a time limit in seconds, validated); c.Service() is the CQMMemberWebService object for
@@ -18,8 +19,11 @@
 //   c.Fail(cause, text, hint) for a failure of the command's own, c.Usage(text) for bad
 //   arguments. A streaming command (streams = true) reports progress with c.Event(): one JSON
 //   object per line with --json.
+//   c.Out().Body(name, text) makes one field the whole human output (a decoded text, a file).
 // - Exit codes: 0 success, 1 failure, 2 usage error, 130 interrupted (ExitCode).
 // - Never print a token, a password or a secret: c.Out() and c.Event() print what they are given.
+// - qmmember uses the library's public interface only (it links QMMemberWebService, not the
+//   internals): where a command needs more, the library gains a documented public call.
 
 #include "QMMemberWebService.h"
 

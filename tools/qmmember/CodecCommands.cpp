@@ -1,8 +1,6 @@
 // Codecs: lz decode, urlscheme encode|decode.
 #include "Cli.h"
 
-#include "LZString/LZString.h"
-
 #include <QJsonArray>
 #include <QJsonDocument>
 
@@ -34,7 +32,7 @@ int LzDecode(Context& c)
         for (int i = 0; i < compressed.size(); ++i)
             compressed[i] = QChar(static_cast<ushort>(uchar(bytes[2 * i]) | uchar(bytes[2 * i + 1]) << 8));
     }
-    const QString text = LZString::decompressFromUTF16(compressed);
+    const QString text = CQMMemberWebService::DecompressReplyText(compressed);
     if (text.isNull())
         return c.Fail(QStringLiteral("corrupt"),
                       QStringLiteral("corrupt stream: a back-reference points outside the dictionary"));

@@ -2,9 +2,7 @@
 // that matter (hosts, paths, times, certificate names) and never a token, password or secret.
 #include "Doctor.h"
 
-#include "QMMemberWebService/Cache.h"
-#include "registry/QMRegistryAgent.h"
-#include "registry/RegistryStore.h"
+#include "QMRegistryAgent.h"
 
 #include <QDateTime>
 #include <QDir>
@@ -93,7 +91,7 @@ Probe Look(const QString& host, const QString& caFile, bool verify, int timeoutM
     if (curl_easy_getinfo(easy, CURLINFO_NAMELOOKUP_TIME_T, &lookup) == CURLE_OK && lookup > 0)
         probe.resolveMs = lookup / 1000.0;
     if (curl_easy_getinfo(easy, CURLINFO_CONNECT_TIME_T, &connect) == CURLE_OK && connect > 0)
-        probe.connectMs = (connect - lookup) / 1000.0;
+        probe.connectMs = connect / 1000.0; // from the start, the name lookup included
     char* ip = nullptr;
     if (curl_easy_getinfo(easy, CURLINFO_PRIMARY_IP, &ip) == CURLE_OK && ip)
         probe.address = QString::fromLatin1(ip);
@@ -198,7 +196,7 @@ QList<Check> NetworkChecks(const QString& host, int timeoutMs)
                              .arg(host);
         return checks << connect;
     }
-    connect.detail = QStringLiteral("TCP connect in %1").arg(Ms(qMax(0.0, system.connectMs)));
+    connect.detail = QStringLiteral("TCP connected %1 after the start").arg(Ms(qMax(0.0, system.connectMs)));
     if (system.connectMs > 1000) {
         connect.status = QStringLiteral("warn");
         connect.advice = QStringLiteral("a slow network path: requests will be slow too");
@@ -295,7 +293,7 @@ Check StoreCheck()
     Check check{QStringLiteral("store"), QStringLiteral("ok"), QString(), QString()};
     if (folder.isEmpty()) {
         check.detail = QStringLiteral("the Windows registry");
-    } else if (folder != QMRegistryTool::Store::Folder()) {
+    } else if (folder != CQMMemberWebService::GetStoreFolderPath()) {
         check.status = QStringLiteral("warn");
         check.detail = QStringLiteral("no store yet in %1").arg(folder);
         check.advice = QStringLiteral("it is made at the first sign-in (qmmember login)");
@@ -346,10 +344,12 @@ Check CacheCheck()
         return check;
     }
     QStringList files;
-    for (const QFileInfo& file : QDir(folder).entryInfoList(QDir::Files, QDir::Name))
+    for (const QFileInfo& file : QDir(folder).entryInfoList(QDir::Files, QDir::Name)) {
+        // Calendar days, as the library counts them.
+        const bool expired = file.lastModified().daysTo(QDateTime::currentDateTime()) >= 1;
         files << QStringLiteral("%1 (%2 old%3)")
-                     .arg(file.fileName(), Age(file.lastModified()),
-                          QMCache::Expired(file.fileName()) ? QStringLiteral(", expired") : QString());
+                     .arg(file.fileName(), Age(file.lastModified()), expired ? QStringLiteral(", expired") : QString());
+    }
     check.detail = QStringLiteral("%1, writable; %2")
                        .arg(folder, files.isEmpty() ? QStringLiteral("no files") : files.join(QLatin1String(", ")));
     return check;

@@ -1,13 +1,12 @@
 // The launcher commands (products, purchases, redirect-link, language-packs, plugin, eula). Cli.h tells how a command is declared.
 #include "Cli.h"
 
-#include "QMMemberWebService/Cache.h"
-#include "registry/QMRegistryAgent.h"
-
 #include <QEventLoop>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QTimer>
+
+#include <algorithm>
 
 namespace Cli {
 
@@ -51,6 +50,31 @@ bool ParseRequestAp(Context& c, std::pair<std::wstring, std::wstring>& ap, bool&
     return true;
 }
 
+// Whether the library answers from its cache: the file is from today and was written for the
+// same installed list ("ID:LANG" entries joined by ';', in any order).
+bool CacheIsFresh(const Service::ProductIDList& installed)
+{
+    QString products;
+    QString listText;
+    bool expired = true;
+    bool listExpired = true;
+    if (!Service::ReadCacheFile(QStringLiteral("ProductInfoList.json"), products, expired) || expired
+        || !Service::ReadCacheFile(QStringLiteral("InstalledProductList"), listText, listExpired))
+        return false;
+    Service::ProductIDList cached;
+    for (const QString& entry : listText.split(QLatin1Char(';'), Qt::SkipEmptyParts)) {
+        const QStringList parts = entry.split(QLatin1Char(':'), Qt::SkipEmptyParts);
+        if (parts.size() == 2)
+            cached.emplace_back(parts.at(0).toStdWString(), parts.at(1).toInt());
+    }
+    if (cached.empty() || cached.size() != installed.size())
+        return false;
+    size_t matches = 0;
+    for (const auto& product : installed)
+        matches += static_cast<size_t>(std::count(cached.begin(), cached.end(), product));
+    return matches == installed.size();
+}
+
 QString ProductLine(const QJsonObject& product)
 {
     QString licence = product.value(QLatin1String("Licence")).toString();
@@ -63,7 +87,7 @@ QString ProductLine(const QJsonObject& product)
                             (product.value(QLatin1String("Owned")).toBool() ? QStringLiteral("owned")
                                                                             : QStringLiteral("not owned"))
                                 .leftJustified(9),
-                            licence.leftJustified(30));
+                            licence.leftJustified(31));
     if (product.contains(QLatin1String("Installed")))
         line += product.value(QLatin1String("Installed")).toBool()
                     ? QStringLiteral("installed (language %1)").arg(product.value(QLatin1String("Lang")).toInt())
@@ -142,9 +166,7 @@ int Products(Context& c)
     CQMMemberWebService::SetInHouseTest(c.Has(QStringLiteral("in-house")));
 
     const bool force = c.Has(QStringLiteral("force"));
-    const QString file = QStringLiteral("ProductInfoList.json");
-    const bool fresh = !force && QMCache::Exists(file) && QMCache::Exists(QStringLiteral("InstalledProductList"))
-                       && !QMCache::Expired(file) && !QMCache::InstalledListModified(installed);
+    const bool fresh = !force && CacheIsFresh(installed);
     Service& service = c.Service();
     std::wstring reply;
     int result = Service::WS_UNEXPECT_FAIL;
@@ -263,7 +285,7 @@ int LanguagePacks(Context& c)
         lines << QStringLiteral("%1  %2  %3 bytes  %4  sha256 %5")
                      .arg(QString::number(pack.value(QLatin1String("Language")).toInt()).rightJustified(2),
                           pack.value(QLatin1String("LanguageName")).toString().leftJustified(19),
-                          QString::number(pack.value(QLatin1String("Size")).toInt()),
+                          QString::number(pack.value(QLatin1String("Size")).toInt()).rightJustified(6),
                           pack.value(QLatin1String("Url")).toString(), pack.value(QLatin1String("SHA256")).toString());
     }
     c.Out().Body(QStringLiteral("packs"), lines.join(QLatin1Char('\n')));

@@ -1,9 +1,7 @@
 // The per-user store and the cache: store get|set|delete, cache path|show|clear.
 #include "Cli.h"
 
-#include "QMMemberWebService/Cache.h"
-#include "registry/QMRegistryAgent.h"
-#include "registry/RegistryStore.h"
+#include "QMRegistryAgent.h"
 
 namespace Cli {
 
@@ -68,7 +66,7 @@ int StoreSet(Context& c)
     }
     if (!ok)
         return c.Fail(QStringLiteral("store"),
-                      QStringLiteral("cannot write to the store in %1").arg(QMRegistryTool::Store::Folder()));
+                      QStringLiteral("cannot write to the store in %1").arg(CQMMemberWebService::GetStoreFolderPath()));
     c.Out().Field(QStringLiteral("written"), true);
     return c.Ok();
 }
@@ -105,12 +103,14 @@ int CacheShow(Context& c)
     if (!CheckName(c))
         return kExitUsage;
     const QString name = c.Arg(0);
-    if (!QMCache::Exists(name))
+    QString content;
+    bool expired = false;
+    if (!CQMMemberWebService::ReadCacheFile(name, content, expired))
         return c.Fail(QStringLiteral("not_found"),
                       QStringLiteral("no cache file '%1' in %2").arg(name, CQMMemberWebService::GetCacheFolderPath()));
     c.Out().Field(QStringLiteral("name"), name);
-    c.Out().Field(QStringLiteral("expired"), QMCache::Expired(name));
-    c.Out().Field(QStringLiteral("content"), QMCache::Content(name));
+    c.Out().Field(QStringLiteral("expired"), expired);
+    c.Out().Field(QStringLiteral("content"), content);
     return c.Ok();
 }
 
@@ -118,7 +118,7 @@ int CacheClear(Context& c)
 {
     if (!CheckName(c))
         return kExitUsage;
-    if (!QMCache::Clear(c.Arg(0)))
+    if (!CQMMemberWebService::DeleteCacheFile(c.Arg(0)))
         return c.Fail(QStringLiteral("input"), QStringLiteral("cannot delete '%1'").arg(c.Arg(0)));
     c.Out().Field(QStringLiteral("cleared"), c.Arg(0));
     return c.Ok();

@@ -13,6 +13,9 @@ namespace Terminal {
 bool InputIsTerminal();
 bool ErrorIsTerminal();
 
+/// One line of standard input, UTF-8, without its line end.
+QString ReadLine();
+
 /// Shows \a prompt on standard error and reads a line from the terminal without echo.
 /// Echo is off before the prompt shows, so nothing typed after it is echoed.
 QString ReadHiddenLine(const char* prompt);

@@ -1,10 +1,11 @@
 #include "Terminal.h"
 
 #include <QSocketNotifier>
-#include <QTextStream>
 
 #include <csignal>
 #include <cstdio>
+#include <iostream>
+#include <string>
 #include <sys/stat.h>
 #include <termios.h>
 #include <unistd.h>
@@ -32,6 +33,15 @@ bool ErrorIsTerminal()
     return ::isatty(STDERR_FILENO);
 }
 
+QString ReadLine()
+{
+    std::string line;
+    std::getline(std::cin, line);
+    if (!line.empty() && line.back() == '\r')
+        line.pop_back();
+    return QString::fromStdString(line);
+}
+
 QString ReadHiddenLine(const char* prompt)
 {
     termios saved {};
@@ -41,9 +51,7 @@ QString ReadHiddenLine(const char* prompt)
     ::tcsetattr(STDIN_FILENO, TCSAFLUSH, &quiet);
     std::fputs(prompt, stderr);
     std::fflush(stderr);
-    QTextStream in(stdin);
-    in.setCodec("UTF-8");
-    const QString line = in.readLine();
+    const QString line = ReadLine();
     ::tcsetattr(STDIN_FILENO, TCSAFLUSH, &saved);
     std::fputs("\n", stderr);
     return line;

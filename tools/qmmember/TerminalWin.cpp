@@ -2,9 +2,10 @@
 
 #include <QMetaObject>
 #include <QObject>
-#include <QTextStream>
 
 #include <cstdio>
+#include <iostream>
+#include <string>
 #include <io.h>
 #include <windows.h>
 
@@ -33,6 +34,15 @@ bool ErrorIsTerminal()
     return _isatty(_fileno(stderr));
 }
 
+QString ReadLine()
+{
+    std::string line;
+    std::getline(std::cin, line);
+    if (!line.empty() && line.back() == '\r')
+        line.pop_back();
+    return QString::fromStdString(line);
+}
+
 QString ReadHiddenLine(const char* prompt)
 {
     HANDLE input = GetStdHandle(STD_INPUT_HANDLE);
@@ -41,8 +51,7 @@ QString ReadHiddenLine(const char* prompt)
     SetConsoleMode(input, saved & ~static_cast<DWORD>(ENABLE_ECHO_INPUT));
     std::fputs(prompt, stderr);
     std::fflush(stderr);
-    QTextStream in(stdin);
-    const QString line = in.readLine();
+    const QString line = ReadLine();
     SetConsoleMode(input, saved);
     std::fputs("\n", stderr);
     return line;

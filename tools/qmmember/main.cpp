@@ -3,8 +3,7 @@
 // a command group plugs in.
 #include "Cli.h"
 
-#include "registry/QMRegistryAgent.h"
-#include "registry/RegistryStore.h"
+#include "QMRegistryAgent.h"
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
@@ -177,7 +176,7 @@ std::unique_ptr<QTemporaryDir> AvoidCreatingStore(Cli::StoreUse use)
 {
     if (use == Cli::StoreUse::Write)
         return nullptr;
-    const QString folder = QMRegistryTool::Store::Folder();
+    const QString folder = CQMMemberWebService::GetStoreFolderPath();
     if (folder.isEmpty() || QFileInfo::exists(folder + QLatin1String("/HKEY_CURRENT_USER.db"))
         || QFileInfo::exists(folder + QLatin1String("/HKEY_LOCAL_MACHINE.db")))
         return nullptr;
@@ -226,6 +225,8 @@ int main(int argc, char** argv)
         }
     }
     if (at >= args.size()) {
+        if (json)
+            return EarlyUsage(json, QStringLiteral("no command"));
         Write(stderr, MainHelp(table));
         return Cli::kExitUsage;
     }

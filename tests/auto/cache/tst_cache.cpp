@@ -73,16 +73,25 @@ private slots:
     void rawTextFallback_data()
     {
         QTest::addColumn<QByteArray>("body");
-        QTest::newRow("lowercase hex") << QMCipher::ToUpperHex(QMCipher::Rc4("{}", QMCipher::CacheKey())).toLower();
-        QTest::newRow("odd length") << QByteArray("ABC");
-        QTest::newRow("plain json") << QByteArray("{\"status\":2}");
+        QTest::addColumn<QString>("content"); // empty: the raw body comes back
+        const QByteArray hex = QMCipher::ToUpperHex(QMCipher::Rc4("{\"a\":\"\xC3\xBC\"}", QMCipher::CacheKey()));
+        QTest::newRow("lowercase hex") << hex.toLower() << "";
+        QTest::newRow("odd length") << QByteArray("ABC") << "";
+        QTest::newRow("plain json") << QByteArray("{\"status\":2}") << "";
+        QTest::newRow("'@' is 16") << QByteArray(hex).replace(0, 1, "@") << "";
+        QByteArray punctuated = hex;
+        for (char& c : punctuated)
+            if (c >= 'A' && c <= 'F')
+                c = static_cast<char>(c - 'A' + ':');
+        QTest::newRow("':' to '?' as 10 to 15") << punctuated << QString::fromUtf8("{\"a\":\"\xC3\xBC\"}");
     }
     void rawTextFallback()
     {
         QFETCH(QByteArray, body);
+        QFETCH(QString, content);
         QDir().mkpath(m_folder);
         WriteRaw("ProductInfoList.json", body);
-        QCOMPARE(QMCache::Content("ProductInfoList.json"), QString::fromUtf8(body));
+        QCOMPARE(QMCache::Content("ProductInfoList.json"), content.isEmpty() ? QString::fromUtf8(body) : content);
     }
 
     void existence()
@@ -176,6 +185,14 @@ private slots:
         QTest::newRow("lowercase") << latin.toLower() << "";
         QTest::newRow("odd length") << latin.left(latin.size() - 1) << "";
         QTest::newRow("not hex") << QString(latin).replace(0, 1, "G") << "";
+        // Below "A" a digit counts from "0": ":" to "?" are 10 to 15, "@" is 16.
+        QString punctuated = latin;
+        for (QChar& c : punctuated)
+            if (c >= 'A' && c <= 'F')
+                c = QChar(c.unicode() - 'A' + ':');
+        QTest::newRow("':' to '?' as 10 to 15") << punctuated << "member=100001";
+        QTest::newRow("'@' is 16") << QString(latin).replace(0, 1, "@") << "";
+        QTest::newRow("'/' is below 0") << QString(latin).replace(0, 1, "/") << "";
         QTest::newRow("empty") << "" << "";
         QTest::newRow("cut at zero") << CQMMemberWebService::EncryptUrlScheme(QString("ab") + QChar(0) + "cd") << "ab";
     }

@@ -112,8 +112,9 @@ private slots:
     {
         QFETCH(QString, name);
         const QStringList words = name.split(' ');
-        for (const QStringList& arguments : {words + QStringList{"--help"}, QStringList{"help"} + words,
-                                             words + QStringList{"-h"}}) {
+        // -h on every other row keeps the run short.
+        const QString flag = QTest::currentDataTag()[0] < 'm' ? "--help" : "-h";
+        for (const QStringList& arguments : {words + QStringList{flag}, QStringList{"help"} + words}) {
             const Ran ran = Run(arguments);
             QCOMPARE(ran.code, 0);
             QVERIFY2(ran.out.startsWith("usage: qmmember " + name.toUtf8()), ran.out);
@@ -152,8 +153,6 @@ private slots:
         const Ran human = Run(arguments);
         QCOMPARE(human.code, 2);
         QVERIFY2(human.err.contains(named.toUtf8()), human.err);
-        if (arguments.isEmpty())
-            return;
         const Ran json = Run(QStringList{"--json"} + arguments);
         QCOMPARE(json.code, 2);
         QCOMPARE(json.out.count('\n'), 1);
@@ -246,6 +245,10 @@ private slots:
             everything += ran.out + ran.err;
             return ran;
         };
+        QTemporaryDir early;
+        const Ran none = run({"token", "export", early.path()});
+        QCOMPARE(none.code, 0);
+        QVERIFY2(none.err.contains("no backup token"), none.err);
         QCOMPARE(run({"login", "--email", kEmail, "--password-stdin"}, "\n").code, 2); // empty: refused
         QVERIFY(m_server.Requests("/MemberAPI/Token").isEmpty());
         QCOMPARE(run({"login", "--email", kEmail, "--password-stdin"}, kPassword.toUtf8() + "\n").code, 0);

@@ -245,6 +245,26 @@ private slots:
         const QJsonObject info = QJsonDocument::fromJson(cli.readAllStandardOutput()).object();
         QCOMPARE(info.value(QStringLiteral("locale_language_id")).toInt(), expected);
     }
+
+    // The library's categories stay below the host's log until it asks for their debug lines.
+    void loggingCategories()
+    {
+        static QStringList categories;
+        categories.clear();
+        const QtMessageHandler previous = qInstallMessageHandler(
+            [](QtMsgType, const QMessageLogContext& context, const QString&) {
+                categories << QString::fromLatin1(context.category);
+            });
+        CQMMemberWebService service(0);
+        service.OnMemberLogInStop(); // a debug line of qm.service
+        const bool quietByDefault = !categories.contains("qm.service");
+        QLoggingCategory::setFilterRules(QStringLiteral("qm.*.debug=true"));
+        service.OnMemberLogInStop();
+        QLoggingCategory::setFilterRules(QString());
+        qInstallMessageHandler(previous);
+        QVERIFY(quietByDefault);
+        QVERIFY(categories.contains("qm.service"));
+    }
 };
 
 QTEST_GUILESS_MAIN(TestCore)

@@ -7,3 +7,7 @@ cmake --install "$build" --prefix "$work/prefix" >/dev/null
 cmake -S "$host" -B "$work/host" -DCMAKE_PREFIX_PATH="$work/prefix" >/dev/null
 cmake --build "$work/host" >/dev/null
 LD_LIBRARY_PATH="$work/prefix/lib:$work/prefix/lib/x86_64-linux-gnu" QM_REGISTRY_DIR="$work/registry" "$work/host/host"
+# Installed programs find the library through their RPATH alone.
+env -u LD_LIBRARY_PATH "$work/prefix/bin/qmmember" urlscheme encode rpath >/dev/null
+# As a subproject: configuring is enough to see the alias and the options at work.
+cmake -S "$host/../subproject" -B "$work/subproject" -DQM_SOURCE_DIR="$host/../../../.." >/dev/null

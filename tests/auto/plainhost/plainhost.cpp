@@ -21,7 +21,9 @@ int main()
     if (!mkdtemp(folder))
         return 1;
     const std::string state = std::string(folder) + "/server";
-    FILE* server = popen((std::string(QM_SERVER_BINARY) + " --state " + state).c_str(), "r");
+    // setpriv: the server dies with this test, even when it aborts.
+    FILE* server = popen(
+        (std::string("exec setpriv --pdeathsig KILL ") + QM_SERVER_BINARY + " --state " + state).c_str(), "r");
     char line[512] = {};
     if (!server || !fgets(line, sizeof line, server)) {
         std::fprintf(stderr, "plainhost: qmmember-server did not start\n");

@@ -2,9 +2,48 @@
 
 #include <curl/curl.h>
 
+#include <QCryptographicHash>
 #include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
+
+#ifdef Q_OS_LINUX
+#include <sys/prctl.h>
+#include <csignal>
+#include <unistd.h>
+#endif
+
+namespace {
+
+#ifdef Q_OS_LINUX
+const pid_t g_testProcess = ::getpid();
+
+// Runs in the child between fork and exec; only async-signal-safe calls.
+void DieWithParent()
+{
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (::getppid() != g_testProcess)
+        ::_exit(127); // the test was gone before the request took hold
+}
+#endif
+
+} // namespace
+
+ServerProcess::ServerProcess()
+{
+#if defined(Q_OS_LINUX) && QT_VERSION >= QT_VERSION_CHECK(6, 0, 0)
+    setChildProcessModifier(&DieWithParent);
+#endif
+}
+
+#if QT_VERSION < QT_VERSION_CHECK(6, 0, 0)
+void ServerProcess::setupChildProcess()
+{
+#ifdef Q_OS_LINUX
+    DieWithParent();
+#endif
+}
+#endif
 
 ServerFixture::~ServerFixture()
 {
@@ -14,6 +53,12 @@ ServerFixture::~ServerFixture()
 QString ServerFixture::ServerBinary()
 {
     return QStringLiteral(QM_SERVER_BINARY);
+}
+
+QString ServerFixture::Redacted(const QString& token)
+{
+    return QStringLiteral("[redacted %1]")
+        .arg(QString::fromLatin1(QCryptographicHash::hash(token.toUtf8(), QCryptographicHash::Sha256).toHex().left(12)));
 }
 
 bool ServerFixture::Start(const QStringList& extraArguments)

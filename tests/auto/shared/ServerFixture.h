@@ -8,6 +8,28 @@
 
 #include <memory>
 
+// How many times slower an instrumented build runs: short time limits of tests scale with it.
+#if defined(__SANITIZE_THREAD__)
+constexpr int kSanitizerSlowdown = 10;
+#elif defined(__SANITIZE_ADDRESS__)
+constexpr int kSanitizerSlowdown = 5;
+#else
+constexpr int kSanitizerSlowdown = 1;
+#endif
+
+// A child process that dies with the test, even when the test aborts: the child
+// asks the kernel for SIGKILL when its parent goes.
+class ServerProcess : public QProcess
+{
+public:
+    ServerProcess();
+
+#if QT_VERSION < QT_VERSION_CHECK(6, 0, 0)
+protected:
+    void setupChildProcess() override;
+#endif
+};
+
 // Starts qmmember-server on an ephemeral loopback port with its own state
 // folder, waits for its ready line, and stops it on destruction.
 class ServerFixture
@@ -21,6 +43,7 @@ public:
     void Stop();
 
     int Port() const { return m_port; }
+    qint64 Pid() const { return m_process.processId(); }
     QString Host() const { return QStringLiteral("127.0.0.1:%1").arg(m_port); }
     QString CaFile() const { return m_caFile; }
 
@@ -36,10 +59,12 @@ public:
     QList<QJsonObject> Requests(const QString& path) const;
 
     static QString ServerBinary();
+    /// A token as the server's request log shows it: "[redacted " + a short fingerprint + "]".
+    static QString Redacted(const QString& token);
 
 private:
     std::unique_ptr<QTemporaryDir> m_state;
-    QProcess m_process;
+    ServerProcess m_process;
     int m_port = 0;
     QString m_caFile;
 };

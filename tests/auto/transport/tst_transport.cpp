@@ -95,15 +95,16 @@ private slots:
         std::wstring headers;
         QElapsedTimer clock;
         clock.start();
-        QVERIFY(!request.GetSync(host.c_str(), L"/qmtest/echo", reply, headers, nullptr, 300, false, nullptr, nullptr));
-        QVERIFY2(clock.elapsed() < 1000, qPrintable(QString::number(clock.elapsed())));
+        const unsigned int limit = 300 * kSanitizerSlowdown;
+        QVERIFY(!request.GetSync(host.c_str(), L"/qmtest/echo", reply, headers, nullptr, limit, false, nullptr, nullptr));
+        QVERIFY2(clock.elapsed() < 1000 * kSanitizerSlowdown, qPrintable(QString::number(clock.elapsed())));
         QCOMPARE(request.GetNetLastError(), netError);
 
         // The asynchronous road reports the same number.
         CHttpRequest async(nullptr, false);
         QSignalSpy errors(&async, &CHttpRequest::ErrorAsync);
-        async.GetAsync(host, L"/qmtest/echo", 300, false, L"application/json");
-        QVERIFY(errors.wait(5000));
+        async.GetAsync(host, L"/qmtest/echo", limit, false, L"application/json");
+        QVERIFY(errors.wait(5000 * kSanitizerSlowdown));
         QCOMPARE(errors.first().first().toUInt(), netError);
     }
 

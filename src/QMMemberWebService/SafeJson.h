@@ -1,0 +1,128 @@
+#pragma once
+
+#include <QByteArray>
+#include <QJsonDocument>
+#include <QSet>
+#include <QString>
+
+#include <vector>
+
+// Qt 5.15's JSON parser leaks the earlier value when an object repeats a key whose
+// value was a non-empty array or object. Outside input is read through ParseJson,
+// which refuses a text that repeats a key in an object (a null document, as for any
+// malformed text) before Qt's parser sees it.
+namespace QMSafeJson {
+
+namespace Detail {
+
+inline int HexValue(char c)
+{
+    if (c >= '0' && c <= '9')
+        return c - '0';
+    if (c >= 'a' && c <= 'f')
+        return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F')
+        return c - 'A' + 10;
+    return -1;
+}
+
+// Reads the string that starts at text[i] (a '"'); leaves i after its closing quote.
+// Into \a out (when given) with the escapes decoded, so that "a" and "\u0061" are one key.
+inline bool ReadString(const QByteArray& text, int& i, QString* out)
+{
+    QByteArray plain;
+    for (++i; i < text.size(); ++i) {
+        const char c = text.at(i);
+        if (c == '"') {
+            ++i;
+            if (out)
+                out->append(QString::fromUtf8(plain));
+            return true;
+        }
+        if (c != '\\') {
+            if (out)
+                plain.append(c);
+            continue;
+        }
+        if (++i >= text.size())
+            return false;
+        const char e = text.at(i);
+        if (!out) {
+            continue; // skipped: the escaped character cannot end the string
+        } else if (e == 'u') {
+            if (i + 4 >= text.size())
+                return false;
+            int unit = 0;
+            for (int k = 1; k <= 4; ++k) {
+                const int v = HexValue(text.at(i + k));
+                if (v < 0)
+                    return false;
+                unit = unit * 16 + v;
+            }
+            out->append(QString::fromUtf8(plain));
+            plain.clear();
+            out->append(QChar(static_cast<ushort>(unit)));
+            i += 4;
+        } else {
+            plain.append(e); // the other escapes stand for one character each
+        }
+    }
+    return false;
+}
+
+} // namespace Detail
+
+/// True when some object of \a text repeats a key. A text that is no JSON may answer
+/// either way; Qt's parser refuses it then.
+inline bool RepeatsKey(const QByteArray& text)
+{
+    struct Frame {
+        bool object = false;
+        bool expectKey = false;
+        QSet<QString> keys;
+    };
+    std::vector<Frame> stack;
+    for (int i = 0; i < text.size();) {
+        const char c = text.at(i);
+        if (c == '"') {
+            const bool key = !stack.empty() && stack.back().object && stack.back().expectKey;
+            QString name;
+            if (!Detail::ReadString(text, i, key ? &name : nullptr))
+                return false;
+            if (key) {
+                Frame& frame = stack.back();
+                if (frame.keys.contains(name))
+                    return true;
+                frame.keys.insert(name);
+                frame.expectKey = false;
+            }
+            continue;
+        }
+        if (c == '{' || c == '[') {
+            if (stack.size() >= 4096)
+                return false; // deeper than Qt's parser goes; it refuses the text
+            stack.push_back(Frame{c == '{', c == '{', {}});
+        } else if ((c == '}' || c == ']') && !stack.empty()) {
+            stack.pop_back();
+        } else if (c == ',' && !stack.empty() && stack.back().object) {
+            stack.back().expectKey = true;
+        }
+        ++i;
+    }
+    return false;
+}
+
+/// QJsonDocument::fromJson, except that a text repeating a key in an object is malformed.
+inline QJsonDocument ParseJson(const QByteArray& utf8, QJsonParseError* error = nullptr)
+{
+    if (RepeatsKey(utf8)) {
+        if (error) {
+            error->error = QJsonParseError::IllegalValue;
+            error->offset = 0;
+        }
+        return QJsonDocument();
+    }
+    return QJsonDocument::fromJson(utf8, error);
+}
+
+} // namespace QMSafeJson
