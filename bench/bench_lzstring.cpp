@@ -1,55 +1,130 @@
-// Decodes each input file (UTF-16LE lz-string text) with our decoder.
-// Usage: bench_lzstring FILE... [Google Benchmark flags]
+// Our decoder, driven by lzstring-node.js so that ours and node's runs interleave.
+// Commands on stdin, one a line, each answered with one line:
+//   load FILE      -> "ok CHARS"            (UTF-16LE lz-string text)
+//   hash I         -> "SHA256 CHARS"        (of input I's decoded text as UTF-16LE)
+//   run I N        -> N decode times in ns, "| FAULTS" (minor page faults a decode), then
+//                     "| " and N thread CPU times in ns (what a busy machine's preemption leaves out)
+// bench_lzstring --peak FILE -> "PEAK_BYTES OUTPUT_BYTES": resident memory one decode adds at most.
 #include "LZString/LZString.h"
 
-#include <benchmark/benchmark.h>
-
+#include <QCryptographicHash>
 #include <QFile>
-#include <QFileInfo>
 
+#include <sys/resource.h>
+
+#include <chrono>
+#include <ctime>
+#include <cstdio>
 #include <cstring>
+#include <iostream>
+#include <sstream>
+#include <string>
 #include <vector>
 
 namespace {
 
-QString ReadUtf16(const char* path)
+QString ReadUtf16(const std::string& path)
 {
-    QFile file(QString::fromLocal8Bit(path));
+    QFile file(QString::fromStdString(path));
     if (!file.open(QIODevice::ReadOnly))
         return QString();
     const QByteArray bytes = file.readAll();
     return QString(reinterpret_cast<const QChar*>(bytes.constData()), bytes.size() / 2);
 }
 
-void Decode(benchmark::State& state, QString input)
+long StatusKiB(const char* field)
 {
-    qint64 outputBytes = 0;
-    for (auto _ : state) {
-        const QString text = LZString::decompressFromUTF16(input);
-        benchmark::DoNotOptimize(text.constData());
-        outputBytes = text.size() * 2;
+    QFile status(QStringLiteral("/proc/self/status"));
+    if (!status.open(QIODevice::ReadOnly))
+        return -1;
+    for (const QByteArray& line : status.readAll().split('\n')) {
+        if (line.startsWith(field))
+            return line.mid(int(std::strlen(field))).trimmed().split(' ').first().toLong();
     }
-    state.SetBytesProcessed(outputBytes * state.iterations());
-    state.counters["output_bytes"] = static_cast<double>(outputBytes);
+    return -1;
+}
+
+long long ThreadCpuNs()
+{
+    timespec now{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+    return now.tv_sec * 1000000000LL + now.tv_nsec;
+}
+
+long MinorFaults()
+{
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    return usage.ru_minflt;
+}
+
+int Peak(const std::string& path)
+{
+    const QString input = ReadUtf16(path);
+    // A first decode in the same process: what stays (buffers kept for the next call) is not the peak of a call.
+    qint64 outputBytes = LZString::decompressFromUTF16(input).size() * 2;
+    QFile clear(QStringLiteral("/proc/self/clear_refs"));
+    if (clear.open(QIODevice::WriteOnly))
+        clear.write("5"); // resets the peak resident size
+    clear.close();
+    const long before = StatusKiB("VmRSS:");
+    const QString text = LZString::decompressFromUTF16(input);
+    const long peak = StatusKiB("VmHWM:");
+    outputBytes = text.size() * 2;
+    std::printf("%ld %lld\n", (peak - before) * 1024, static_cast<long long>(outputBytes));
+    return 0;
 }
 
 } // namespace
 
 int main(int argc, char** argv)
 {
-    std::vector<char*> flags{argv[0]};
-    for (int i = 1; i < argc; ++i) {
-        if (std::strncmp(argv[i], "--", 2) == 0) {
-            flags.push_back(argv[i]);
-            continue;
+    if (argc == 3 && std::strcmp(argv[1], "--peak") == 0)
+        return Peak(argv[2]);
+    std::vector<QString> inputs;
+    std::string line;
+    while (std::getline(std::cin, line)) {
+        std::istringstream in(line);
+        std::string command;
+        in >> command;
+        if (command == "load") {
+            std::string path;
+            in >> path;
+            inputs.push_back(ReadUtf16(path));
+            std::printf("ok %d\n", inputs.back().size());
+        } else if (command == "hash") {
+            size_t index = 0;
+            in >> index;
+            const QString text = LZString::decompressFromUTF16(inputs.at(index));
+            const QByteArray bytes(reinterpret_cast<const char*>(text.utf16()), text.size() * 2);
+            std::printf("%s %d\n", QCryptographicHash::hash(bytes, QCryptographicHash::Sha256).toHex().constData(),
+                        text.size());
+        } else if (command == "run") {
+            size_t index = 0;
+            int count = 0;
+            in >> index >> count;
+            const QString& input = inputs.at(index);
+            const long faults = MinorFaults();
+            std::string out;
+            std::string cpu;
+            for (int i = 0; i < count; ++i) {
+                const long long cpuStart = ThreadCpuNs();
+                const auto start = std::chrono::steady_clock::now();
+                const QString text = LZString::decompressFromUTF16(input);
+                const auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(
+                                    std::chrono::steady_clock::now() - start)
+                                    .count();
+                const long long cpuNs = ThreadCpuNs() - cpuStart;
+                if (text.isEmpty())
+                    return 1;
+                out += std::to_string(ns) + " ";
+                cpu += std::to_string(cpuNs) + " ";
+            }
+            std::printf("%s| %.1f | %s\n", out.c_str(), double(MinorFaults() - faults) / count, cpu.c_str());
+        } else {
+            std::printf("unknown command\n");
         }
-        const QString input = ReadUtf16(argv[i]);
-        const std::string name = QFileInfo(QString::fromLocal8Bit(argv[i])).completeBaseName().toStdString();
-        benchmark::RegisterBenchmark(name.c_str(), &Decode, input)->Unit(benchmark::kMicrosecond);
+        std::fflush(stdout);
     }
-    int count = static_cast<int>(flags.size());
-    benchmark::Initialize(&count, flags.data());
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
     return 0;
 }

@@ -5,6 +5,7 @@
 #include <QMutex>
 #include <QObject>
 #include <QPointer>
+#include <QSet>
 #include <QString>
 
 #include <atomic>
@@ -361,6 +362,64 @@ public:
     void SetUserEulaConsent(EContentManagerEulaServiceType type, int timeoutMs);
 
     // --- content manager ----------------------------------------------------------------
+    // Every content call below is synchronous unless said otherwise, blocks for at most \a timeout
+    // ms, and returns the pipeline's result unchanged. An output string is kept on a missing login
+    // or a failed connection, and otherwise replaced by the call's result text (the reply's "data"
+    // as compact JSON; empty when the server reported a failing status).
+
+    /// The list that GetMemberContentList asks for.
+    enum EMemberContentListType : int {
+        MemberContentInventory = 0, ///< the member's inventory (owned content)
+        MemberContentMine = 2,      ///< the member's own content
+        MemberContentRecommend = 3, ///< content recommended to the member
+        MemberContentMineAlias = 4, ///< the same list as MemberContentMine
+    };
+
+    /// The content base list of a product.
+    EWSResult GetContentBaseList(const std::wstring& productId, std::wstring& out, int timeout);
+    /// The content types of a product version.
+    EWSResult GetContentTypeList(const std::wstring& productId, const std::wstring& version, std::wstring& out,
+                                 int timeout);
+    /// The content types of a product version from the second content service.
+    EWSResult GetContentTypeListV2(const std::wstring& productId, const std::wstring& version, std::wstring& out,
+                                   int timeout);
+    /// The content categories of a product version.
+    EWSResult GetContentCategoryList(const std::wstring& productId, const std::wstring& version,
+                                     std::wstring& out, int timeout);
+    /// The initial data of the content gallery of a product version.
+    EWSResult GetSmartGalleryInitializeInfo(const std::wstring& productId, const std::wstring& version,
+                                            std::wstring& out, int timeout);
+    /// The members allowed to act for the signed-in member; needs a login.
+    EWSResult GetSitterMemberList(std::wstring& out, int timeout);
+    /// One of the member's content lists (another member's when \a ownerMid is not empty). The
+    /// text comes only by FinishApiRequest / ErrorNotice under \a requestId, in this object's
+    /// thread when \a sync is false (that thread needs an event loop). An unknown \a type returns
+    /// 4 at once, with no request and no signal.
+    EWSResult GetMemberContentList(EMemberContentListType type, const std::wstring& productId,
+                                   const std::wstring& version, QString requestId, const std::wstring& ownerMid,
+                                   int timeout, bool sync);
+    /// The service's records of the given content IDs, all in one request; needs a login.
+    EWSResult GetQMContent(std::vector<std::wstring> contentIds, std::wstring& out, int timeout);
+    /// The metadata of the given content IDs, all in one request; \a version goes into the body
+    /// unquoted. \a requestIndex and \a requestTarget are passed through. Needs a login.
+    EWSResult GetContentMetaData(const std::wstring& productId, const std::wstring& version,
+                                 const std::vector<std::wstring>& contentIds, int requestIndex, int requestTarget,
+                                 std::wstring& out, int timeout);
+    /// The extended metadata of a product version.
+    EWSResult GetMetadataEX(const std::wstring& productId, const std::wstring& version, std::wstring& out,
+                            int timeout);
+    /// Appends, in reply order and duplicates kept, the IDs whose file version is newer than the
+    /// member last fetched; never clears \a newVersionIds.
+    EWSResult GetNewVersionContentIDList(const std::wstring& productId, const std::wstring& version,
+                                         const std::vector<std::wstring>& contentIds,
+                                         std::vector<std::wstring>& newVersionIds, int timeout);
+    /// Tells the service which items' metadata failed the local hash check; the reply is dropped.
+    /// Needs a login.
+    EWSResult NotifyInconsistentMetadataHash(const std::wstring& productId, const std::wstring& version,
+                                             const std::vector<std::wstring>& contentIds, int timeout);
+    /// Puts the items into the member's cart and adds to \a cartLinks (never cleared) the cart link
+    /// of each item the service took (its "ReturnCode" 2). Needs a login.
+    EWSResult AddToMemberCart(std::vector<std::wstring> contentIds, QSet<QString>& cartLinks, int timeout);
 
     // --- content upload and upload polling -------------------------------------------
 
@@ -417,8 +476,11 @@ protected:
     static bool IsEducationLogIn(std::wstring productRegistryKey);
 
     bool ParseJsonResult(const std::wstring& reply, int& apiStatus, int& status, QJsonDocument& document);
+    /// The same for the reply's UTF-8 bytes.
+    bool ParseJsonResult(const QByteArray& utf8, int& apiStatus, int& status, QJsonDocument& document);
+    /// Takes \a reply by value and frees it once parsed: a large reply is not held twice.
     EWSResult ExtractApiResult(std::wstring path, std::string body, int timeoutMs, bool needLogin, bool sync,
-                               const std::wstring& reply, std::wstring& resultText, QString kGuid);
+                               std::wstring reply, std::wstring& resultText, QString kGuid);
     EWSResult ProcessStatus(int status, std::function<EWSResult()> retry, bool allowRetry);
     static QJsonObject JsonObjectFromString(const QString& text);
     EWSResult ConnectionEndProcess(std::wstring proxyAccount, std::wstring proxyPassword, bool save, bool ok,
@@ -478,6 +540,18 @@ private:
     EWSResult EvaluatePurchaseReply(const std::wstring& reply, std::wstring& purchaseInfo);
 
     // Content manager (private).
+    /// The calling pattern of every content call: a fresh id from GenerateApiRequestID, one-shot
+    /// ErrorNotice / FinishApiRequest handlers matched by it (direct connections, so a call from
+    /// another thread works too), then DoApiRequest(path, body, timeoutMs, needLogin, sync true,
+    /// id, empty reply key): a GET for an empty body, else a POST. \a onFinish runs at most once,
+    /// in the FinishApiRequest handler, with this request's result text (possibly empty); it does
+    /// not run on a missing login or a failed connection, whose ErrorNotice comes first. Returns
+    /// DoApiRequest's result unchanged. Other requests on this object never reach \a onFinish.
+    EWSResult ContentSyncRequest(std::wstring path, std::string body, int timeoutMs, bool needLogin,
+                                 const std::function<void(const std::wstring&)>& onFinish);
+    /// ContentSyncRequest whose handler copies the result text into \a out.
+    EWSResult ContentSyncRequest(std::wstring path, std::string body, int timeoutMs, bool needLogin,
+                                 std::wstring& out);
 
     // Content upload and upload polling (private).
 

@@ -1,8 +1,9 @@
 #include "LZString.h"
 
+#include <atomic>
 #include <cstdint>
 #include <cstring>
-#include <vector>
+#include <memory>
 
 #if defined(_MSC_VER) && (defined(_M_X64) || defined(_M_IX86))
 #include <xmmintrin.h>
@@ -15,27 +16,11 @@ const QString keyStrUriSafe = QStringLiteral("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefgh
 
 namespace {
 
-// Asks for memory that will be read soon; a hint only.
-inline void Prefetch(const void* address)
-{
-#if defined(__GNUC__) || defined(__clang__)
-    __builtin_prefetch(address);
-#elif defined(_M_X64) || defined(_M_IX86)
-    _mm_prefetch(static_cast<const char*>(address), _MM_HINT_T0);
-#else
-    (void)address;
-#endif
-}
+// The default matches the transport's default reply limit (64 MiB).
+std::atomic<qint64> g_outputLimit{qint64(64) << 20};
 
-// A reply that would decode to more than this (512 MiB) is refused as corrupt.
-constexpr uint64_t kMaxOutput = uint64_t(1) << 28;
-
-// Dictionary entries are spans of the output already written: every phrase
-// the decoder learns is a run of text it has just produced.
-struct Span {
-    uint32_t offset;
-    uint32_t length;
-};
+// No stream can address more output than this: offsets carry a flag in the top bit.
+constexpr qint64 kHardLimit = qint64(1) << 30;
 
 QString EmptyText()
 {
@@ -72,7 +57,7 @@ public:
         return number;
     }
 
-    uint64_t Index() const { return m_index; }
+    bool Exhausted() const { return m_index > uint64_t(m_length); }
 
 private:
     // Past the end every character reads as the terminating zero would.
@@ -86,30 +71,33 @@ private:
     uint64_t m_index = 1;
 };
 
+// Bit order reversed within a byte, for the 15-bit groups below.
+struct Reverse8 {
+    constexpr Reverse8()
+        : table()
+    {
+        for (int v = 0; v < 256; ++v) {
+            int out = 0;
+            for (int i = 0; i < 8; ++i)
+                out |= ((v >> i) & 1) << (7 - i);
+            table[v] = static_cast<uint8_t>(out);
+        }
+    }
+    uint8_t table[256];
+};
+constexpr Reverse8 kReverse8;
+
 // The UTF-16 form's reader works through a 64-bit buffer. Each character
 // carries 15 bits, most significant first, while numbers are assembled least
 // significant bit first; reversing each 15-bit group on load makes both
 // orders agree, so a read is a mask and a shift.
-// A 15-bit reversal table serves the common reset value.
-struct Reverse15 {
-    Reverse15()
-    {
-        for (uint32_t v = 0; v < 32768; ++v) {
-            uint32_t out = 0;
-            for (int i = 0; i < 15; ++i)
-                out |= ((v >> (14 - i)) & 1u) << i;
-            table[v] = static_cast<uint16_t>(out);
-        }
-    }
-    uint16_t table[32768];
-};
-
 class FastReader
 {
 public:
     FastReader(const QChar* data, int length, int)
         : m_data(reinterpret_cast<const char16_t*>(data))
         , m_length(static_cast<uint64_t>(length))
+        , m_limitBits(static_cast<uint64_t>(length) * 15)
     {
     }
 
@@ -120,218 +108,348 @@ public:
         const uint32_t value = static_cast<uint32_t>(m_buffer & ((uint64_t(1) << count) - 1));
         m_buffer >>= count;
         m_available -= count;
-        m_consumed += static_cast<uint64_t>(count);
         return value;
     }
 
-    uint64_t Index() const { return 1 + m_consumed / 15; }
+    // The description's "index > length": every bit of the input has been read.
+    bool Exhausted() const { return m_next * 15 - uint64_t(m_available) >= m_limitBits; }
 
 private:
     void Refill()
     {
-        static const Reverse15 reverse;
         while (m_available <= 64 - 15) {
-            const uint32_t value = m_next < m_length ? uint32_t(m_data[m_next]) - 32u : uint32_t(-32);
+            // Past the end the terminating zero reads as -32, as in the description.
+            const uint32_t value = (m_next < m_length ? uint32_t(m_data[m_next]) - 32u : uint32_t(-32)) & 0x7FFFu;
             ++m_next;
-            m_buffer |= uint64_t(reverse.table[value & 0x7FFF]) << m_available;
+            const uint32_t reversed = (uint32_t(kReverse8.table[value & 0xFF]) << 7) | (kReverse8.table[value >> 8] >> 1);
+            m_buffer |= uint64_t(reversed) << m_available;
             m_available += 15;
         }
     }
 
     const char16_t* m_data;
     uint64_t m_length;
+    uint64_t m_limitBits;
     uint64_t m_buffer = 0;
     int m_available = 0;
     uint64_t m_next = 0;
-    uint64_t m_consumed = 0;
 };
 
+// Asks for memory that will be read soon; a hint only.
+inline void Prefetch(const void* address)
+{
+#if defined(__GNUC__) || defined(__clang__)
+    __builtin_prefetch(address);
+#elif defined(_M_X64) || defined(_M_IX86)
+    _mm_prefetch(static_cast<const char*>(address), _MM_HINT_T0);
+#else
+    (void)address;
+#endif
+}
+
+// Scratch memory kept per thread, so that a decode does not fault in fresh
+// pages. A buffer is kept while a call touches at most 8 MiB of it (the
+// dictionary 16 MiB: enough for a 10 MB reply); pages beyond what calls
+// touch are never made resident.
+struct Scratch {
+    explicit Scratch(size_t keptWords)
+        : kept(keptWords)
+    {
+    }
+    size_t kept;
+    std::unique_ptr<uint32_t[]> words;
+    size_t size = 0;
+    size_t used = 0; // words the last call touched
+
+    // Room for \a count words; the first \a keep survive a move.
+    uint32_t* Ensure(size_t count, size_t keep)
+    {
+        if (size < count) {
+            std::unique_ptr<uint32_t[]> fresh(new uint32_t[count]);
+            if (keep)
+                std::memcpy(fresh.get(), words.get(), keep * sizeof(uint32_t));
+            words = std::move(fresh);
+            size = count;
+        }
+        return words.get();
+    }
+    void Trim()
+    {
+        if (used > kept) {
+            words.reset();
+            size = 0;
+        }
+        used = 0;
+    }
+};
+
+thread_local Scratch t_codes(size_t(2) << 20);
+thread_local Scratch t_table(size_t(4) << 20);
+
+struct ScratchRelease {
+    ~ScratchRelease()
+    {
+        t_codes.Trim();
+        t_table.Trim();
+    }
+};
+
+enum class End { Text, Empty, Null };
+
 // Decoding runs in three passes. The first reads the bits into a list of
-// codes: the dictionary's size and the code width evolve independently of the
-// text, so the whole stream can be read before any look-up. The second learns
-// only lengths, so that the output is allocated once at its exact size. The
-// third writes the text. The last two look entries up at random; with the
-// codes known in advance they fetch memory a few codes ahead of its use.
-enum class Outcome { Text, Empty, Null };
-
-// A literal carries this flag and its character; anything else is a code >= 3.
-constexpr uint32_t kLiteral = 0x80000000u;
+// codes: the dictionary's size and the code width evolve independently of
+// the text, so the whole stream is read before any look-up. The second learns
+// the length of every dictionary entry and of the text, so the output is made
+// once at its size and a text beyond the limit is refused before any of it is
+// built. The third writes the text; there an entry is only its start in the
+// output. An entry learnt at a step is the previous phrase and the first
+// character of the current one, which lie side by side in the output: it ends
+// one character after where the next learnt entry starts. The last two passes
+// look entries up at random; knowing the codes, they fetch memory ahead.
+constexpr uint32_t kLiteral = 0x80000000u; // a literal: the flag and its character; else a code >= 3
+constexpr size_t kSlack = 8; // characters a copy may write past its phrase
 constexpr size_t kAhead = 16;
+constexpr size_t kFetchFrom = 16384; // codes
 
-struct Codes {
-    std::vector<uint32_t> list;
+// A dictionary entry: a run of the output already written.
+struct Span {
+    uint32_t offset;
+    uint32_t length;
+};
+
+struct Header {
     bool hasFirst = false; // false: header 3, an empty first phrase
     char16_t first = 0;
-    Outcome end = Outcome::Empty;
 };
 
 template <typename Reader>
-Codes ReadCodes(Reader& reader, uint64_t length, size_t expected)
+End ReadHeader(Reader& reader, Header& header)
 {
-    Codes codes;
     switch (reader.Read(2)) {
     case 0:
-        codes.hasFirst = true;
-        codes.first = static_cast<char16_t>(reader.Read(8));
-        break;
+        header.hasFirst = true;
+        header.first = static_cast<char16_t>(reader.Read(8));
+        return End::Text;
     case 1:
-        codes.hasFirst = true;
-        codes.first = static_cast<char16_t>(reader.Read(16));
-        break;
+        header.hasFirst = true;
+        header.first = static_cast<char16_t>(reader.Read(16));
+        return End::Text;
     case 2:
-        codes.end = Outcome::Empty;
-        return codes;
+        return End::Empty;
     default:
-        break; // 3: tolerated
-    }
-    codes.list.reserve(expected);
-    uint32_t dictSize = 4;
-    int32_t enlargeIn = 4;
-    int numBits = 3;
-    auto grow = [&] {
-        if (--enlargeIn == 0) {
-            enlargeIn = int32_t(1) << numBits;
-            ++numBits;
-        }
-    };
-    for (;;) {
-        if (reader.Index() > length) {
-            codes.end = Outcome::Empty; // ended before its end marker: nothing decoded counts
-            return codes;
-        }
-        const uint32_t code = reader.Read(numBits);
-        if (code < 2) {
-            codes.list.push_back(kLiteral | reader.Read(code == 0 ? 8 : 16));
-            ++dictSize;
-            grow();
-        } else if (code == 2) {
-            codes.end = Outcome::Text;
-            return codes;
-        } else if (code > dictSize) {
-            codes.end = Outcome::Null; // beyond the next free code
-            return codes;
-        } else {
-            codes.list.push_back(code);
-        }
-        ++dictSize;
-        grow();
-        if (numBits > 31) {
-            codes.end = Outcome::Null; // no real stream grows codes this wide
-            return codes;
-        }
+        return End::Text; // 3: tolerated
     }
 }
 
-// The length of every dictionary entry and of the whole text; Null for a
-// reference to an empty entry or a text beyond the size limit.
-Outcome MeasureText(const Codes& codes, uint64_t& size)
+template <typename Reader>
+End ReadCodes(Reader reader, size_t length, Header& header, size_t& count)
 {
-    const std::vector<uint32_t>& list = codes.list;
-    std::vector<uint32_t> lengths;
-    lengths.reserve(list.size() * 2 + 4);
-    lengths.assign(3, 0);
-    uint32_t w = codes.hasFirst ? 1 : 0;
-    lengths.push_back(w);
+    count = 0;
+    if (ReadHeader(reader, header) == End::Empty)
+        return End::Empty;
+    // Once codes are 15 bits or wider there are fewer of them than input characters.
+    uint32_t* codes = t_codes.Ensure(length + 64, 0);
+    size_t capacity = t_codes.size;
+    // The code width grows by a bit whenever the dictionary's size reaches a power of two.
+    uint32_t dictSize = 4;
+    int numBits = 3;
+    for (;;) {
+        if (reader.Exhausted())
+            return End::Empty; // ended before its end marker: nothing decoded counts
+        if (count == capacity) {
+            codes = t_codes.Ensure(count * 2, count);
+            capacity = t_codes.size;
+        }
+        const uint32_t code = reader.Read(numBits);
+        if (code < 2) {
+            codes[count++] = kLiteral | reader.Read(code == 0 ? 8 : 16);
+            if (++dictSize == uint32_t(1) << numBits)
+                ++numBits;
+        } else if (code == 2) {
+            return End::Text;
+        } else if (code > dictSize) {
+            return End::Null; // beyond the next free code
+        } else {
+            codes[count++] = code;
+        }
+        if (++dictSize == uint32_t(1) << numBits)
+            ++numBits;
+        if (numBits > 31)
+            return End::Null; // no real stream grows codes this wide
+    }
+}
+
+// Null when a code names an empty entry or the text outgrows \a limit.
+template <bool kFetch>
+End Measure(const Header& header, const uint32_t* codes, size_t count, Span* entries, qint64 limit,
+            uint64_t& size, size_t& used)
+{
+    entries[3].length = header.hasFirst ? 1 : 0;
+    uint32_t w = entries[3].length;
     uint64_t total = w;
-    for (size_t i = 0; i < list.size(); ++i) {
-        if (i + kAhead < list.size() && !(list[i + kAhead] & kLiteral) && list[i + kAhead] < lengths.size())
-            Prefetch(&lengths[list[i + kAhead]]);
-        const uint32_t code = list[i];
+    uint32_t dictSize = 4;
+    for (size_t i = 0; i < count; ++i) {
+        if (kFetch && i + kAhead < count && !(codes[i + kAhead] & kLiteral))
+            Prefetch(entries + codes[i + kAhead]);
+        const uint32_t code = codes[i];
         uint32_t entry;
         if (code & kLiteral) {
-            lengths.push_back(1);
+            entries[dictSize++].length = 1;
             entry = 1;
-        } else if (code < lengths.size()) {
-            entry = lengths[code];
-            if (entry == 0)
-                return Outcome::Null;
+        } else if (code < dictSize) {
+            entry = entries[code].length;
+            if (entry == 0) {
+                used = dictSize;
+                return End::Null;
+            }
         } else {
             entry = w ? w + 1 : 0; // a phrase that refers to itself
         }
         total += entry;
-        if (total > kMaxOutput)
-            return Outcome::Null;
-        lengths.push_back(w + (entry ? 1u : 0u));
+        if (total > uint64_t(limit)) {
+            used = dictSize;
+            return End::Null; // stops before the oversized text is built
+        }
+        entries[dictSize++].length = w + (entry ? 1u : 0u);
         w = entry;
     }
+    used = dictSize;
     size = total;
-    return codes.end;
+    return End::Text;
 }
 
-void WriteText(const Codes& codes, char16_t* out)
+// Copies a phrase 8 characters at a time into the slack after it. The source
+// ends at or before the destination, so what a chunk reads was written before
+// this copy began.
+inline void CopyPhrase(char16_t* target, const char16_t* source, uint32_t length)
 {
-    const std::vector<uint32_t>& list = codes.list;
-    std::vector<Span> spans;
-    spans.reserve(list.size() * 2 + 4);
-    spans.assign(3, Span{0, 0});
-    Span w{0, codes.hasFirst ? 1u : 0u};
-    if (codes.hasFirst)
-        out[0] = codes.first;
-    spans.push_back(w);
-    uint32_t at = w.length;
-    for (size_t i = 0; i < list.size(); ++i) {
+    char16_t chunk[8];
+    for (uint32_t done = 0; done < length; done += 8) {
+        std::memcpy(chunk, source + done, sizeof chunk);
+        std::memcpy(target + done, chunk, sizeof chunk);
+    }
+}
+
+// Every entry's length is known from the measuring pass; this one adds where
+// each starts in the output.
+template <bool kFetch>
+void Write(const Header& header, const uint32_t* codes, size_t count, char16_t* out, Span* entries)
+{
+    uint32_t at = 0;
+    if (header.hasFirst)
+        out[at++] = header.first;
+    entries[3].offset = 0;
+    uint32_t previous = 0; // where the previous phrase starts
+    uint32_t dictSize = 4;
+    for (size_t i = 0; i < count; ++i) {
         // Two steps ahead: the entry, then the text it points to.
-        if (i + kAhead < list.size() && !(list[i + kAhead] & kLiteral) && list[i + kAhead] < spans.size())
-            Prefetch(&spans[list[i + kAhead]]);
-        if (i + kAhead / 2 < list.size() && !(list[i + kAhead / 2] & kLiteral)
-            && list[i + kAhead / 2] < spans.size())
-            Prefetch(out + spans[list[i + kAhead / 2]].offset);
-        const uint32_t code = list[i];
-        Span entry{at, 0};
+        if (kFetch && i + kAhead < count && !(codes[i + kAhead] & kLiteral))
+            Prefetch(entries + codes[i + kAhead]);
+        if (kFetch && i + kAhead / 2 < count) {
+            const uint32_t soon = codes[i + kAhead / 2];
+            if (!(soon & kLiteral) && soon < dictSize)
+                Prefetch(out + entries[soon].offset);
+        }
+        const uint32_t code = codes[i];
+        uint32_t length;
         if (code & kLiteral) {
             out[at] = static_cast<char16_t>(code);
-            entry.length = 1;
-            spans.push_back(entry);
-        } else if (code < spans.size()) {
-            const Span source = spans[code];
-            std::memcpy(out + at, out + source.offset, size_t(source.length) * sizeof(char16_t));
-            entry.length = source.length;
-        } else if (w.length) {
-            // A phrase that refers to itself: w and its own first character.
-            std::memcpy(out + at, out + w.offset, size_t(w.length) * sizeof(char16_t));
-            out[at + w.length] = out[w.offset];
-            entry.length = w.length + 1;
+            entries[dictSize++].offset = at;
+            length = 1;
+        } else if (code < dictSize) {
+            const Span entry = entries[code];
+            CopyPhrase(out + at, out + entry.offset, entry.length);
+            length = entry.length;
+        } else {
+            length = at - previous; // w and its own first character
+            CopyPhrase(out + at, out + previous, length);
+            if (length) {
+                out[at + length] = out[previous];
+                ++length;
+            }
         }
-        at += entry.length;
-        // w and the first character of the entry lie side by side in the output.
-        spans.push_back(w.length ? Span{w.offset, w.length + (entry.length ? 1u : 0u)}
-                                 : Span{entry.offset, entry.length ? 1u : 0u});
-        w = entry;
+        // The previous phrase and the first character of this one.
+        entries[dictSize++].offset = previous;
+        previous = at;
+        at += length;
     }
 }
 
 template <typename Reader>
-QString Decode(const QChar* data, int length, int resetValue)
+QString Decode(const QChar* data, int length, int resetValue, qint64 limit)
 {
-    Reader reader(data, length, resetValue);
-    const Codes codes = ReadCodes(reader, static_cast<uint64_t>(length), static_cast<size_t>(length) + 8);
+    ScratchRelease release;
+    Header header;
+    size_t count = 0;
+    const End end = ReadCodes(Reader(data, length, resetValue), size_t(length), header, count);
+    const uint32_t* codes = t_codes.words.get();
+    t_codes.used = count;
+    // At most two entries a code, after the 4 fixed ones.
+    static_assert(sizeof(Span) == 2 * sizeof(uint32_t), "a span is two words");
+    Span* table = reinterpret_cast<Span*>(t_table.Ensure(2 * (2 * count + 8), 0));
     uint64_t size = 0;
-    const Outcome outcome = MeasureText(codes, size);
-    if (outcome == Outcome::Null)
+    size_t entries = 4;
+    // Small streams stay in the cache: fetching ahead would only cost there.
+    const bool fetch = count > kFetchFrom;
+    const End measured = fetch ? Measure<true>(header, codes, count, table, limit, size, entries)
+                               : Measure<false>(header, codes, count, table, limit, size, entries);
+    t_table.used = 2 * entries;
+    // A stream that breaks off still fails as Null where a code before the break does.
+    if (measured == End::Null)
         return QString();
-    if (outcome == Outcome::Empty)
-        return EmptyText();
-    QString text(static_cast<int>(size), Qt::Uninitialized);
-    WriteText(codes, reinterpret_cast<char16_t*>(text.data()));
+    if (end != End::Text)
+        return end == End::Null ? QString() : EmptyText();
+    QString text(static_cast<int>(size + kSlack), Qt::Uninitialized);
+    char16_t* out = reinterpret_cast<char16_t*>(text.data());
+    if (fetch)
+        Write<true>(header, codes, count, out, table);
+    else
+        Write<false>(header, codes, count, out, table);
+    text.resize(static_cast<int>(size)); // shrinking keeps the buffer
     return text;
+}
+
+qint64 Bounded(qint64 limit)
+{
+    return limit > 0 && limit < kHardLimit ? limit : kHardLimit;
 }
 
 } // namespace
 
+void SetOutputLimit(qint64 characters)
+{
+    g_outputLimit = characters > 0 ? characters : qint64(64) << 20;
+}
+
+qint64 OutputLimit()
+{
+    return g_outputLimit.load();
+}
+
 QString _decompress(int length, int resetValue, const QChar* data)
+{
+    return _decompress(length, resetValue, data, OutputLimit());
+}
+
+QString _decompress(int length, int resetValue, const QChar* data, qint64 maxLength)
 {
     if (length <= 0 || !data || resetValue <= 0)
         return EmptyText();
     if (resetValue == 16384)
-        return Decode<FastReader>(data, length, resetValue);
-    return Decode<ClassicReader>(data, length, resetValue);
+        return Decode<FastReader>(data, length, resetValue, Bounded(maxLength));
+    return Decode<ClassicReader>(data, length, resetValue, Bounded(maxLength));
 }
 
 QString decompressFromUTF16(const QString& compressed)
 {
+    return decompressFromUTF16(compressed, OutputLimit());
+}
+
+QString decompressFromUTF16(const QString& compressed, qint64 maxLength)
+{
     if (compressed.isEmpty())
         return EmptyText();
-    return _decompress(compressed.length(), 16384, compressed.constData());
+    return _decompress(compressed.length(), 16384, compressed.constData(), maxLength);
 }
 
 } // namespace LZString

@@ -205,11 +205,12 @@ CQMMemberWebService::EWSResult CQMMemberWebService::DoApiRequest(std::wstring pa
         const EWSResult connection = ConnectionEndProcess(proxyAccount, proxyPassword, true, ok, kGuid);
         if (!self)
             return connection;
-        reply = request->GetReturnData();
+        // `reply` already holds the request's return data (PostSync / GetSync fill it).
         applyReplyKey(reply);
         std::wstring resultText;
         const CQMSentToken sent(accessToken);
-        EWSResult result = ExtractApiResult(path, body, timeoutMs, needLogin, sync, reply, resultText, kGuid);
+        EWSResult result =
+            ExtractApiResult(path, body, timeoutMs, needLogin, sync, std::move(reply), resultText, kGuid);
         if (!self)
             return result;
         if (request->GetNetLastError() == 499)
@@ -250,7 +251,8 @@ CQMMemberWebService::EWSResult CQMMemberWebService::DoApiRequest(std::wstring pa
             EWSResult result = WS_OK;
             {
                 const CQMSentToken sent(accessToken);
-                result = ExtractApiResult(path, body, timeoutMs, needLogin, sync, reply, resultText, kGuid);
+                result = ExtractApiResult(path, body, timeoutMs, needLogin, sync, std::move(reply), resultText,
+                                          kGuid);
             }
             if (!self)
                 return;
@@ -360,7 +362,16 @@ bool CQMMemberWebService::ParseJsonResult(const std::wstring& reply, int& apiSta
     status = -1;
     if (reply.empty())
         return false;
-    QJsonDocument parsed = QMSafeJson::ParseJson(QByteArray::fromStdString(QMText::ToUtf8(reply)));
+    return ParseJsonResult(QMText::ToUtf8Bytes(reply), apiStatus, status, document);
+}
+
+bool CQMMemberWebService::ParseJsonResult(const QByteArray& utf8, int& apiStatus, int& status,
+                                          QJsonDocument& document)
+{
+    status = -1;
+    if (utf8.isEmpty())
+        return false;
+    QJsonDocument parsed = QMSafeJson::ParseJson(utf8);
     if (parsed.isNull())
         return false;
     QJsonObject top = parsed.object();
@@ -413,13 +424,18 @@ CQMMemberWebService::EWSResult CQMMemberWebService::ProcessStatus(int status, st
 
 CQMMemberWebService::EWSResult CQMMemberWebService::ExtractApiResult(std::wstring path, std::string body,
                                                                      int timeoutMs, bool needLogin, bool sync,
-                                                                     const std::wstring& reply,
+                                                                     std::wstring reply,
                                                                      std::wstring& resultText, QString kGuid)
 {
     int apiStatus = 0;
     int status = -1;
     QJsonDocument document;
-    if (!ParseJsonResult(reply, apiStatus, status, document))
+    // The wide reply goes before the parse: a large reply is not held wide and parsed at once.
+    QByteArray utf8 = QMText::ToUtf8Bytes(reply);
+    std::wstring().swap(reply);
+    const bool parsed = ParseJsonResult(utf8, apiStatus, status, document);
+    utf8 = QByteArray();
+    if (!parsed)
         return WS_PARSE_CONTENT_FAIL;
 
     // An expired token at the API level only refreshes; nothing is sent again.
@@ -435,13 +451,18 @@ CQMMemberWebService::EWSResult CQMMemberWebService::ExtractApiResult(std::wstrin
         sync);
 
     if (outcome == WS_OK && status == WS_OK) {
-        const QJsonValue data = document.object().value(QLatin1String("result")).toObject().value(QLatin1String("data"));
-        if (data.isObject())
-            resultText = QMText::FromUtf8(QJsonDocument(data.toObject()).toJson(QJsonDocument::Compact));
-        else if (data.isArray())
-            resultText = QMText::FromUtf8(QJsonDocument(data.toArray()).toJson(QJsonDocument::Compact));
-        else
-            resultText.clear();
+        QByteArray compact;
+        {
+            const QJsonValue data =
+                document.object().value(QLatin1String("result")).toObject().value(QLatin1String("data"));
+            if (data.isObject())
+                compact = QJsonDocument(data.toObject()).toJson(QJsonDocument::Compact);
+            else if (data.isArray())
+                compact = QJsonDocument(data.toArray()).toJson(QJsonDocument::Compact);
+        }
+        // The parsed reply goes before the wide copy is made.
+        document = QJsonDocument();
+        resultText = QMText::FromUtf8(compact);
     }
     if (apiStatus == WS_SERVER_BUSY)
         return WS_SERVER_BUSY;

@@ -11,85 +11,234 @@
 #include <openssl/x509.h>
 
 #include <array>
-#include <atomic>
+#include <climits>
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <deque>
-#include <map>
+#include <dirent.h>
 #include <thread>
+#include <unordered_map>
 
 Q_LOGGING_CATEGORY(lcNet, "qm.network")
 
 namespace QMNet {
 
+/// One trust set: the system's CAs and the extra CA file, loaded once and
+/// shared by every connection made under it. Connections and TLS sessions
+/// belong to one trust set: a new set starts with none.
+struct Trust {
+    uint64_t generation = 0;
+    std::string extraFile;
+    X509_STORE* store = nullptr;
+    CURLSH* share = nullptr;
+    std::array<std::mutex, CURL_LOCK_DATA_LAST> locks;
+
+    Trust() = default;
+    Trust(const Trust&) = delete;
+    Trust& operator=(const Trust&) = delete;
+    ~Trust()
+    {
+        // Every handle that used the share has let go of this trust set first.
+        if (share)
+            curl_share_cleanup(share);
+        if (store)
+            X509_STORE_free(store);
+    }
+};
+
+/// A pooled easy handle with what was last applied to it, so that an exchange
+/// sets only what differs from the one before.
+struct Handle {
+    CURL* easy = nullptr;
+    std::shared_ptr<Trust> trust;
+    std::string* body = nullptr;
+    std::string* headers = nullptr;
+    size_t limit = 0;
+    bool overflow = false;
+    char errors[CURL_ERROR_SIZE] = {};
+
+    std::string url;
+    int method = -1;
+    long timeoutMs = -1;
+    int64_t maxReply = -1;
+    int follow = -1;
+    int proxy = -1;
+    std::string proxyUser;
+    std::string proxyPassword;
+    std::vector<std::string> headerLines;
+    curl_slist* headerList = nullptr;
+
+    std::shared_ptr<AsyncJob> job; // asynchronous road only
+};
+
 namespace {
 
 size_t AppendBody(char* data, size_t size, size_t count, void* user)
 {
-    static_cast<std::string*>(user)->append(data, size * count);
-    return size * count;
+    auto* handle = static_cast<Handle*>(user);
+    const size_t bytes = size * count;
+    if (handle->body->size() + bytes > handle->limit) {
+        handle->overflow = true;
+        return 0; // ends the transfer before the reply grows further
+    }
+    handle->body->append(data, bytes);
+    return bytes;
 }
 
-// Trusted in addition to the system's store, for local servers with their own CA.
-struct ExtraCA {
-    std::mutex mutex;
-    std::string path;
-    bool fromEnvironment = true;
-    std::vector<X509*> certificates;
+size_t AppendHeader(char* data, size_t size, size_t count, void* user)
+{
+    auto* handle = static_cast<Handle*>(user);
+    const size_t bytes = size * count;
+    if (handle->headers->size() + bytes > handle->limit) {
+        handle->overflow = true;
+        return 0;
+    }
+    handle->headers->append(data, bytes);
+    return bytes;
+}
 
-    void Load(const std::string& file)
+CURLcode UseTrust(CURL*, void* sslContext, void* user)
+{
+    // Replaces the store curl made (empty: no CA file or path is set) with the shared one.
+    X509_STORE* store = static_cast<Handle*>(user)->trust->store;
+    X509_STORE_up_ref(store);
+    SSL_CTX_set_cert_store(static_cast<SSL_CTX*>(sslContext), store);
+    return CURLE_OK;
+}
+
+bool HoldsHashes(const char* folder)
+{
+    DIR* dir = opendir(folder);
+    if (!dir)
+        return false;
+    bool found = false;
+    while (dirent* entry = readdir(dir)) {
+        const size_t length = std::strlen(entry->d_name);
+        if (length == 10 && entry->d_name[8] == '.' && entry->d_name[9] == '0') {
+            found = true;
+            break;
+        }
+    }
+    closedir(dir);
+    return found;
+}
+
+std::vector<X509*> ReadCertificates(const std::string& file)
+{
+    std::vector<X509*> certificates;
+    FILE* fp = std::fopen(file.c_str(), "rb");
+    if (!fp)
+        return certificates;
+    while (X509* cert = PEM_read_X509(fp, nullptr, nullptr, nullptr))
+        certificates.push_back(cert);
+    std::fclose(fp);
+    ERR_clear_error();
+    return certificates;
+}
+
+// The system's CAs: a hashed folder is looked up when a chain needs it; without
+// one the bundle is read, once per process.
+struct SystemCAs {
+    std::string folder;
+    std::vector<X509*> bundle;
+
+    SystemCAs()
     {
-        for (X509* cert : certificates)
-            X509_free(cert);
-        certificates.clear();
-        path = file;
-        if (file.empty())
-            return;
-        FILE* fp = std::fopen(file.c_str(), "rb");
-        if (!fp) {
-            qCWarning(lcNet) << "QMNet::Engine cannot read CA file" << QString::fromStdString(file);
+        const char* envDir = std::getenv(X509_get_default_cert_dir_env());
+        const std::string dir = envDir && *envDir ? envDir : X509_get_default_cert_dir();
+        if (HoldsHashes(dir.c_str())) {
+            folder = dir;
             return;
         }
-        while (X509* cert = PEM_read_X509(fp, nullptr, nullptr, nullptr))
-            certificates.push_back(cert);
-        std::fclose(fp);
-        ERR_clear_error();
+        const char* envFile = std::getenv(X509_get_default_cert_file_env());
+        bundle = ReadCertificates(envFile && *envFile ? envFile : X509_get_default_cert_file());
+    }
+
+    void AddTo(X509_STORE* store) const
+    {
+        if (!folder.empty()) {
+            X509_LOOKUP* lookup = X509_STORE_add_lookup(store, X509_LOOKUP_hash_dir());
+            if (lookup)
+                X509_LOOKUP_add_dir(lookup, folder.c_str(), X509_FILETYPE_PEM);
+        }
+        for (X509* cert : bundle)
+            X509_STORE_add_cert(store, cert);
     }
 };
 
-CURLcode AddExtraCA(CURL*, void* sslContext, void* user)
+const SystemCAs& System()
 {
-    auto* ca = static_cast<ExtraCA*>(user);
-    std::lock_guard<std::mutex> lock(ca->mutex);
-    X509_STORE* store = SSL_CTX_get_cert_store(static_cast<SSL_CTX*>(sslContext));
-    for (X509* cert : ca->certificates)
-        X509_STORE_add_cert(store, cert); // a duplicate is refused harmlessly
-    ERR_clear_error();
-    return CURLE_OK;
+    static const SystemCAs system;
+    return system;
+}
+
+enum Method { Get, Post, Head };
+
+Method MethodOf(const std::string& name)
+{
+    if (name == "POST")
+        return Post;
+    if (name == "HEAD")
+        return Head;
+    return Get;
+}
+
+const char* const kRefusedHeader = "a header value holding CR, LF or NUL was refused";
+
+// A value with CR, LF or NUL would end its header line and start one of its own.
+bool HeadersAreClean(const std::vector<std::string>& lines)
+{
+    for (const std::string& line : lines) {
+        if (line.find_first_of(std::string("\r\n\0", 3)) != std::string::npos)
+            return false;
+    }
+    return true;
+}
+
+void Finish(const Handle& handle, CURLcode code, Outcome& outcome)
+{
+    if (code == CURLE_OK) {
+        curl_easy_getinfo(handle.easy, CURLINFO_RESPONSE_CODE, &outcome.httpStatus);
+        outcome.completed = true;
+        outcome.netError = outcome.httpStatus >= 200 && outcome.httpStatus < 300
+                               ? 0u
+                               : static_cast<unsigned int>(outcome.httpStatus);
+    } else {
+        outcome.completed = false;
+        // Released, not only emptied: a refused oversized reply keeps no memory.
+        std::string().swap(outcome.body);
+        if (handle.overflow)
+            std::string().swap(outcome.headers);
+    }
 }
 
 } // namespace
 
 struct Engine::Impl {
-    CURLSH* share = nullptr;
-    std::array<std::mutex, CURL_LOCK_DATA_LAST> shareLocks;
+    std::mutex trustMutex;
+    std::shared_ptr<Trust> trust;
+    std::atomic<uint64_t> generation{0};
+    uint64_t lastGeneration = 0;
+    std::atomic<bool> fromEnvironment{true};
+    std::atomic<const char*> environmentSeen{nullptr};
+    std::atomic<bool> trustReady{false};
 
     std::mutex poolMutex;
-    std::vector<CURL*> pool;
+    std::vector<Handle*> pool;
 
-    ExtraCA extraCA;
-
-    // Asynchronous exchanges run on one worker thread through a multi handle.
+    // Asynchronous exchanges run on one worker thread through a multi handle,
+    // replaced (under queueMutex) when the trust set changes.
     CURLM* multi = nullptr;
+    uint64_t multiGeneration = 0;
     std::thread worker;
     std::mutex queueMutex;
     std::deque<std::shared_ptr<AsyncJob>> pending;
     std::vector<std::shared_ptr<AsyncJob>> cancelled;
-    std::map<CURL*, std::shared_ptr<AsyncJob>> running;
-    std::vector<CURL*> asyncPool;
+    std::unordered_map<CURL*, Handle*> running;
+    std::vector<Handle*> asyncPool;
     std::atomic<bool> stopping{false};
-    std::array<char, CURL_ERROR_SIZE> asyncErrors{};
 };
 
 Engine& Engine::Instance()
@@ -100,128 +249,226 @@ Engine& Engine::Instance()
     return *engine;
 }
 
+namespace {
+CURLM* NewMulti()
+{
+    CURLM* multi = curl_multi_init();
+    // Few connections per host, so queued transfers wait for a kept-alive one.
+    curl_multi_setopt(multi, CURLMOPT_MAX_HOST_CONNECTIONS, 8L);
+    curl_multi_setopt(multi, CURLMOPT_MAXCONNECTS, 16L);
+    return multi;
+}
+} // namespace
+
 Engine::Engine()
     : d(std::make_unique<Impl>())
 {
     curl_global_init(CURL_GLOBAL_DEFAULT);
-    d->share = curl_share_init();
-    curl_share_setopt(d->share, CURLSHOPT_SHARE, CURL_LOCK_DATA_DNS);
-    curl_share_setopt(d->share, CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION);
-    curl_share_setopt(d->share, CURLSHOPT_USERDATA, d.get());
-    curl_share_setopt(d->share, CURLSHOPT_LOCKFUNC,
-                      +[](CURL*, curl_lock_data data, curl_lock_access, void* user) {
-                          static_cast<Impl*>(user)->shareLocks[data].lock();
-                      });
-    curl_share_setopt(d->share, CURLSHOPT_UNLOCKFUNC, +[](CURL*, curl_lock_data data, void* user) {
-        static_cast<Impl*>(user)->shareLocks[data].unlock();
-    });
-
-    d->multi = curl_multi_init();
-    // Few connections per host, so queued transfers wait for a kept-alive one.
-    curl_multi_setopt(d->multi, CURLMOPT_MAX_HOST_CONNECTIONS, 8L);
-    curl_multi_setopt(d->multi, CURLMOPT_MAXCONNECTS, 16L);
+    d->multi = NewMulti();
     d->worker = std::thread([this] { RunAsyncLoop(); });
+}
+
+std::shared_ptr<Trust> Engine::MakeTrust(const std::string& extraFile)
+{
+    auto trust = std::make_shared<Trust>();
+    trust->generation = ++d->lastGeneration;
+    trust->extraFile = extraFile;
+    trust->store = X509_STORE_new();
+    System().AddTo(trust->store);
+    // As curl does with its own store: a trusted intermediate may end a chain.
+    X509_STORE_set_flags(trust->store, X509_V_FLAG_TRUSTED_FIRST | X509_V_FLAG_PARTIAL_CHAIN);
+    if (!extraFile.empty()) {
+        const std::vector<X509*> extra = ReadCertificates(extraFile);
+        if (extra.empty())
+            qCWarning(lcNet) << "QMNet::Engine cannot read CA file" << QString::fromStdString(extraFile);
+        for (X509* cert : extra) {
+            X509_STORE_add_cert(trust->store, cert);
+            X509_free(cert);
+        }
+        ERR_clear_error();
+    }
+    Trust* raw = trust.get();
+    trust->share = curl_share_init();
+    curl_share_setopt(trust->share, CURLSHOPT_SHARE, CURL_LOCK_DATA_DNS);
+    curl_share_setopt(trust->share, CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION);
+    curl_share_setopt(trust->share, CURLSHOPT_USERDATA, raw);
+    curl_share_setopt(trust->share, CURLSHOPT_LOCKFUNC,
+                      +[](CURL*, curl_lock_data data, curl_lock_access, void* user) {
+                          static_cast<Trust*>(user)->locks[data].lock();
+                      });
+    curl_share_setopt(trust->share, CURLSHOPT_UNLOCKFUNC, +[](CURL*, curl_lock_data data, void* user) {
+        static_cast<Trust*>(user)->locks[data].unlock();
+    });
+    return trust;
+}
+
+// The trust set for a new exchange. $QM_CA_FILE is looked at again only when the
+// environment's entry for it is another string than last time.
+std::shared_ptr<Trust> Engine::CurrentTrust()
+{
+    const char* environment = d->fromEnvironment.load() ? std::getenv("QM_CA_FILE") : nullptr;
+    if (!d->trustReady.load(std::memory_order_acquire)
+        || (d->fromEnvironment.load() && environment != d->environmentSeen.load())) {
+        std::lock_guard<std::mutex> lock(d->trustMutex);
+        if (d->fromEnvironment) {
+            const std::string path = environment ? environment : "";
+            if (!d->trust || path != d->trust->extraFile) {
+                d->trust = MakeTrust(path);
+                d->generation = d->trust->generation;
+            }
+            d->environmentSeen = environment;
+        } else if (!d->trust) {
+            d->trust = MakeTrust(std::string());
+            d->generation = d->trust->generation;
+        }
+        d->trustReady.store(true, std::memory_order_release);
+        return d->trust;
+    }
+    std::lock_guard<std::mutex> lock(d->trustMutex);
+    return d->trust;
 }
 
 void Engine::SetExtraCAFile(const std::string& path)
 {
-    std::lock_guard<std::mutex> lock(d->extraCA.mutex);
-    d->extraCA.fromEnvironment = false;
-    d->extraCA.Load(path);
+    std::lock_guard<std::mutex> lock(d->trustMutex);
+    d->fromEnvironment = false;
+    // Always a new trust set: the file's contents may have changed under the same name.
+    d->trust = MakeTrust(path);
+    d->generation = d->trust->generation;
+    d->trustReady.store(true, std::memory_order_release);
 }
 
 std::string Engine::ExtraCAFile()
 {
-    std::lock_guard<std::mutex> lock(d->extraCA.mutex);
-    if (d->extraCA.fromEnvironment) {
-        const char* env = std::getenv("QM_CA_FILE");
-        const std::string path = env ? env : "";
-        if (path != d->extraCA.path || (d->extraCA.certificates.empty() && !path.empty()))
-            d->extraCA.Load(path);
-    }
-    return d->extraCA.path;
+    return CurrentTrust()->extraFile;
 }
 
-// A pooled handle keeps the options every exchange shares; only what differs
-// is set per exchange (a full reset costs more than the exchange's own work).
-void Engine::ConfigureOnce(CURL* easy)
+void Engine::SetMaxReplyBytes(int64_t bytes)
 {
-    curl_easy_setopt(easy, CURLOPT_SHARE, d->share);
+    m_maxReply = bytes > 0 ? bytes : kDefaultMaxReplyBytes;
+}
+
+void Engine::DropConnections()
+{
+    std::vector<Handle*> handles;
+    {
+        std::lock_guard<std::mutex> lock(d->poolMutex);
+        handles.swap(d->pool);
+    }
+    for (Handle* handle : handles)
+        FreeHandle(handle);
+}
+
+Handle* Engine::NewHandle(const std::shared_ptr<Trust>& trust)
+{
+    CURL* easy = curl_easy_init();
+    if (!easy)
+        return nullptr;
+    auto* handle = new Handle;
+    handle->easy = easy;
+    handle->trust = trust;
+    curl_easy_setopt(easy, CURLOPT_PRIVATE, handle);
+    curl_easy_setopt(easy, CURLOPT_SHARE, trust->share);
     curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "https");
     curl_easy_setopt(easy, CURLOPT_REDIR_PROTOCOLS_STR, "https");
     curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(easy, CURLOPT_TCP_NODELAY, 1L);
     curl_easy_setopt(easy, CURLOPT_TCP_KEEPALIVE, 1L);
-    // Verification is never switched off; a local CA is added, not substituted.
+    // Verification is never switched off. curl loads no CAs of its own (it would
+    // read the whole bundle for every connection); the shared store is put in instead.
     curl_easy_setopt(easy, CURLOPT_SSL_VERIFYPEER, 1L);
     curl_easy_setopt(easy, CURLOPT_SSL_VERIFYHOST, 2L);
+    curl_easy_setopt(easy, CURLOPT_CAINFO, nullptr);
+    curl_easy_setopt(easy, CURLOPT_CAPATH, nullptr);
+    curl_easy_setopt(easy, CURLOPT_SSL_CTX_FUNCTION, &UseTrust);
+    curl_easy_setopt(easy, CURLOPT_SSL_CTX_DATA, handle);
     curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &AppendBody);
-    curl_easy_setopt(easy, CURLOPT_HEADERFUNCTION, &AppendBody);
+    curl_easy_setopt(easy, CURLOPT_WRITEDATA, handle);
+    curl_easy_setopt(easy, CURLOPT_HEADERFUNCTION, &AppendHeader);
+    curl_easy_setopt(easy, CURLOPT_HEADERDATA, handle);
+    curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, handle->errors);
+    return handle;
 }
 
-void Engine::Configure(CURL* easy, const Exchange& exchange, Outcome& outcome, char* errorBuffer)
+void Engine::FreeHandle(Handle* handle)
 {
-    curl_easy_setopt(easy, CURLOPT_URL, exchange.url.c_str());
-    curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, errorBuffer);
-    const bool extraCA = !ExtraCAFile().empty();
-    curl_easy_setopt(easy, CURLOPT_SSL_CTX_FUNCTION, extraCA ? &AddExtraCA : nullptr);
-    curl_easy_setopt(easy, CURLOPT_SSL_CTX_DATA, extraCA ? &d->extraCA : nullptr);
-    curl_easy_setopt(easy, CURLOPT_TIMEOUT_MS, exchange.timeoutMs);
-    const long connectLimit = exchange.timeoutMs > 0 && exchange.timeoutMs < 30000 ? exchange.timeoutMs : 30000L;
-    curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, connectLimit);
-    curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, exchange.followRedirects ? 1L : 0L);
-    // An empty proxy turns the environment's proxy off; null leaves it to curl.
-    curl_easy_setopt(easy, CURLOPT_PROXY, exchange.useProxy ? nullptr : "");
-    const bool credentials = exchange.useProxy && !exchange.proxyUser.empty();
-    curl_easy_setopt(easy, CURLOPT_PROXYUSERNAME, credentials ? exchange.proxyUser.c_str() : nullptr);
-    curl_easy_setopt(easy, CURLOPT_PROXYPASSWORD, credentials ? exchange.proxyPassword.c_str() : nullptr);
-    if (exchange.method == "POST") {
-        curl_easy_setopt(easy, CURLOPT_POST, 1L);
+    if (!handle)
+        return;
+    curl_easy_cleanup(handle->easy); // before the trust set (and its share) may go
+    curl_slist_free_all(handle->headerList);
+    delete handle;
+}
+
+void Engine::Configure(Handle& handle, const Exchange& exchange, Outcome& outcome)
+{
+    CURL* easy = handle.easy;
+    handle.body = &outcome.body;
+    handle.headers = &outcome.headers;
+    handle.overflow = false;
+    handle.errors[0] = '\0';
+    const int64_t maxReply = MaxReplyBytes();
+    handle.limit = static_cast<size_t>(maxReply);
+    if (maxReply != handle.maxReply) {
+        curl_easy_setopt(easy, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(maxReply));
+        handle.maxReply = maxReply;
+    }
+    if (exchange.url != handle.url) {
+        curl_easy_setopt(easy, CURLOPT_URL, exchange.url.c_str());
+        handle.url = exchange.url;
+    }
+    // 0 and below (an int's negatives arrive here above INT_MAX) mean the default, never no limit.
+    const long timeoutMs = exchange.timeoutMs > 0 && exchange.timeoutMs <= INT_MAX ? exchange.timeoutMs
+                                                                                     : kDefaultTimeoutMs;
+    if (timeoutMs != handle.timeoutMs) {
+        curl_easy_setopt(easy, CURLOPT_TIMEOUT_MS, timeoutMs);
+        curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, timeoutMs < 30000 ? timeoutMs : 30000L);
+        handle.timeoutMs = timeoutMs;
+    }
+    const int follow = exchange.followRedirects ? 1 : 0;
+    if (follow != handle.follow) {
+        curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, long(follow));
+        handle.follow = follow;
+    }
+    const int proxy = exchange.useProxy ? 1 : 0;
+    if (proxy != handle.proxy || exchange.proxyUser != handle.proxyUser
+        || exchange.proxyPassword != handle.proxyPassword) {
+        // An empty proxy turns the environment's proxy off; null leaves it to curl.
+        curl_easy_setopt(easy, CURLOPT_PROXY, exchange.useProxy ? nullptr : "");
+        const bool credentials = exchange.useProxy && !exchange.proxyUser.empty();
+        curl_easy_setopt(easy, CURLOPT_PROXYUSERNAME, credentials ? exchange.proxyUser.c_str() : nullptr);
+        curl_easy_setopt(easy, CURLOPT_PROXYPASSWORD, credentials ? exchange.proxyPassword.c_str() : nullptr);
+        handle.proxy = proxy;
+        handle.proxyUser = exchange.proxyUser;
+        handle.proxyPassword = exchange.proxyPassword;
+    }
+    const Method method = MethodOf(exchange.method);
+    if (method == Post) {
+        if (handle.method != Post)
+            curl_easy_setopt(easy, CURLOPT_POST, 1L);
         curl_easy_setopt(easy, CURLOPT_POSTFIELDS, exchange.body.data());
         curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(exchange.body.size()));
-    } else if (exchange.method == "HEAD") {
-        curl_easy_setopt(easy, CURLOPT_NOBODY, 1L);
-    } else {
-        curl_easy_setopt(easy, CURLOPT_HTTPGET, 1L);
+    } else if (method != handle.method) {
+        if (method == Head)
+            curl_easy_setopt(easy, CURLOPT_NOBODY, 1L);
+        else
+            curl_easy_setopt(easy, CURLOPT_HTTPGET, 1L);
     }
-    curl_easy_setopt(easy, CURLOPT_WRITEDATA, &outcome.body);
-    curl_easy_setopt(easy, CURLOPT_HEADERDATA, &outcome.headers);
-}
-
-namespace {
-
-struct HeaderList {
-    HeaderList() = default;
-    explicit HeaderList(const std::vector<std::string>& lines) { Set(lines); }
-    HeaderList(const HeaderList&) = delete;
-    HeaderList& operator=(const HeaderList&) = delete;
-    ~HeaderList() { curl_slist_free_all(list); }
-    void Set(const std::vector<std::string>& lines)
-    {
-        for (const std::string& line : lines)
+    handle.method = method;
+    if (exchange.headers != handle.headerLines) {
+        curl_slist* list = nullptr;
+        for (const std::string& line : exchange.headers)
             list = curl_slist_append(list, line.c_str());
-    }
-    curl_slist* list = nullptr;
-};
-
-void Finish(CURL* easy, CURLcode code, Outcome& outcome)
-{
-    if (code == CURLE_OK) {
-        curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &outcome.httpStatus);
-        outcome.completed = true;
-        outcome.netError = outcome.httpStatus >= 200 && outcome.httpStatus < 300
-                               ? 0u
-                               : static_cast<unsigned int>(outcome.httpStatus);
-    } else {
-        outcome.completed = false;
-        outcome.body.clear();
+        curl_easy_setopt(easy, CURLOPT_HTTPHEADER, list);
+        curl_slist_free_all(handle.headerList);
+        handle.headerList = list;
+        handle.headerLines = exchange.headers;
     }
 }
 
-} // namespace
-
-unsigned int Engine::MapError(CURLcode code)
+unsigned int Engine::MapError(CURLcode code, const Handle& handle)
 {
+    if (handle.overflow || code == CURLE_FILESIZE_EXCEEDED)
+        return InvalidServerResponse; // beyond the reply size limit: as a malformed reply
     switch (code) {
     case CURLE_OK:
         return NoError;
@@ -255,79 +502,95 @@ unsigned int Engine::MapError(CURLcode code)
     }
 }
 
+std::string Engine::ErrorText(CURLcode code, const Handle& handle)
+{
+    if (handle.overflow || code == CURLE_FILESIZE_EXCEEDED)
+        return "reply larger than the limit of " + std::to_string(handle.limit) + " bytes";
+    return handle.errors[0] ? handle.errors : curl_easy_strerror(code);
+}
+
 Outcome Engine::Perform(const Exchange& exchange)
 {
-    CURL* easy = nullptr;
+    Outcome outcome;
+    if (!HeadersAreClean(exchange.headers)) {
+        qCWarning(lcNet) << "QMNet::Engine refuses a header value holding CR, LF or NUL; nothing sent";
+        outcome.netError = InternalError;
+        outcome.errorText = kRefusedHeader;
+        return outcome;
+    }
+    const std::shared_ptr<Trust> trust = CurrentTrust();
+    Handle* handle = nullptr;
     {
         std::lock_guard<std::mutex> lock(d->poolMutex);
         if (!d->pool.empty()) {
-            easy = d->pool.back();
+            handle = d->pool.back();
             d->pool.pop_back();
         }
     }
-    if (!easy) {
-        easy = curl_easy_init();
-        if (easy)
-            ConfigureOnce(easy);
+    if (handle && handle->trust != trust) {
+        FreeHandle(handle); // its connections were trusted under the old set
+        handle = nullptr;
     }
-    Outcome outcome;
-    if (!easy) {
+    if (!handle)
+        handle = NewHandle(trust);
+    if (!handle) {
         outcome.netError = InternalError;
         return outcome;
     }
-    char errorBuffer[CURL_ERROR_SIZE] = {};
-    HeaderList headers(exchange.headers);
-    Configure(easy, exchange, outcome, errorBuffer);
-    curl_easy_setopt(easy, CURLOPT_HTTPHEADER, headers.list);
-    const CURLcode code = curl_easy_perform(easy);
-    Finish(easy, code, outcome);
+    Configure(*handle, exchange, outcome);
+    const CURLcode code = curl_easy_perform(handle->easy);
+    Finish(*handle, code, outcome);
     if (code != CURLE_OK) {
-        outcome.netError = MapError(code);
-        outcome.errorText = errorBuffer[0] ? errorBuffer : curl_easy_strerror(code);
-        qCDebug(lcNet) << "QMNet::Engine::Perform" << curl_easy_strerror(code) << errorBuffer;
+        outcome.netError = MapError(code, *handle);
+        outcome.errorText = ErrorText(code, *handle);
+        qCDebug(lcNet) << "QMNet::Engine::Perform" << curl_easy_strerror(code) << handle->errors;
     }
-    curl_easy_setopt(easy, CURLOPT_HTTPHEADER, nullptr);
-    curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, nullptr);
+    handle->body = nullptr;
+    handle->headers = nullptr;
+    if (handle->trust->generation != d->generation.load()) {
+        FreeHandle(handle);
+        return outcome;
+    }
     {
         std::lock_guard<std::mutex> lock(d->poolMutex);
-        d->pool.push_back(easy);
+        d->pool.push_back(handle);
     }
     return outcome;
 }
 
 void Engine::Submit(std::shared_ptr<AsyncJob> job)
 {
-    {
-        std::lock_guard<std::mutex> lock(d->queueMutex);
-        d->pending.push_back(std::move(job));
+    if (!HeadersAreClean(job->exchange.headers)) {
+        qCWarning(lcNet) << "QMNet::Engine refuses a header value holding CR, LF or NUL; nothing sent";
+        job->outcome.netError = InternalError;
+        job->outcome.errorText = kRefusedHeader;
+        job->Deliver();
+        return;
     }
+    std::lock_guard<std::mutex> lock(d->queueMutex);
+    d->pending.push_back(std::move(job));
     curl_multi_wakeup(d->multi);
 }
 
 void Engine::Cancel(const std::shared_ptr<AsyncJob>& job)
 {
-    {
-        std::lock_guard<std::mutex> lock(d->queueMutex);
-        d->cancelled.push_back(job);
-    }
+    std::lock_guard<std::mutex> lock(d->queueMutex);
+    d->cancelled.push_back(job);
     curl_multi_wakeup(d->multi);
 }
 
 void Engine::RunAsyncLoop()
 {
-    struct Running {
-        HeaderList headers;
-        char errors[CURL_ERROR_SIZE] = {};
-    };
-    std::map<CURL*, std::unique_ptr<Running>> extras;
-
-    auto release = [&](CURL* easy) {
-        curl_multi_remove_handle(d->multi, easy);
-        extras.erase(easy);
-        d->running.erase(easy);
-        d->asyncPool.push_back(easy);
+    auto release = [&](Handle* handle) {
+        curl_multi_remove_handle(d->multi, handle->easy);
+        d->running.erase(handle->easy);
+        handle->job.reset();
+        handle->body = nullptr;
+        handle->headers = nullptr;
+        d->asyncPool.push_back(handle);
     };
 
+    std::deque<std::shared_ptr<AsyncJob>> waiting; // for the transfers of the old trust set to end
     while (!d->stopping) {
         std::deque<std::shared_ptr<AsyncJob>> starting;
         std::vector<std::shared_ptr<AsyncJob>> cancelling;
@@ -337,36 +600,58 @@ void Engine::RunAsyncLoop()
             cancelling.swap(d->cancelled);
         }
         for (auto& job : cancelling) {
-            if (job->easy && d->running.count(job->easy))
-                release(job->easy);
+            if (job->easy) {
+                auto found = d->running.find(job->easy);
+                if (found != d->running.end() && found->second->job == job)
+                    release(found->second);
+            }
             job->easy = nullptr;
         }
+        if (!waiting.empty()) {
+            starting.insert(starting.begin(), waiting.begin(), waiting.end());
+            waiting.clear();
+        }
+        std::shared_ptr<Trust> trust;
+        if (!starting.empty())
+            trust = CurrentTrust();
         for (auto& job : starting) {
             {
                 std::lock_guard<std::mutex> lock(job->mutex);
                 if (!job->target)
                     continue; // cancelled before it started
             }
-            CURL* easy = nullptr;
-            if (!d->asyncPool.empty()) {
-                easy = d->asyncPool.back();
-                d->asyncPool.pop_back();
-            } else if ((easy = curl_easy_init())) {
-                ConfigureOnce(easy);
+            if (trust->generation != d->multiGeneration) {
+                if (!d->running.empty()) {
+                    waiting.push_back(job);
+                    continue;
+                }
+                // A new trust set: the idle connections made under the old one close here.
+                std::lock_guard<std::mutex> lock(d->queueMutex);
+                curl_multi_cleanup(d->multi);
+                d->multi = NewMulti();
+                d->multiGeneration = trust->generation;
             }
-            if (!easy) {
+            Handle* handle = nullptr;
+            if (!d->asyncPool.empty()) {
+                handle = d->asyncPool.back();
+                d->asyncPool.pop_back();
+                if (handle->trust != trust) {
+                    curl_easy_setopt(handle->easy, CURLOPT_SHARE, trust->share);
+                    handle->trust = trust;
+                }
+            } else {
+                handle = NewHandle(trust);
+            }
+            if (!handle) {
                 job->outcome.netError = InternalError;
                 job->Deliver();
                 continue;
             }
-            auto extra = std::make_unique<Running>();
-            extra->headers.Set(job->exchange.headers);
-            Configure(easy, job->exchange, job->outcome, extra->errors);
-            curl_easy_setopt(easy, CURLOPT_HTTPHEADER, extra->headers.list);
-            job->easy = easy;
-            extras[easy] = std::move(extra);
-            d->running[easy] = job;
-            curl_multi_add_handle(d->multi, easy);
+            Configure(*handle, job->exchange, job->outcome);
+            handle->job = job;
+            job->easy = handle->easy;
+            d->running[handle->easy] = handle;
+            curl_multi_add_handle(d->multi, handle->easy);
         }
 
         int stillRunning = 0;
@@ -375,22 +660,24 @@ void Engine::RunAsyncLoop()
         while (CURLMsg* message = curl_multi_info_read(d->multi, &queued)) {
             if (message->msg != CURLMSG_DONE)
                 continue;
-            CURL* easy = message->easy_handle;
-            auto found = d->running.find(easy);
+            auto found = d->running.find(message->easy_handle);
             if (found == d->running.end())
                 continue;
-            std::shared_ptr<AsyncJob> job = found->second;
+            Handle* handle = found->second;
+            std::shared_ptr<AsyncJob> job = handle->job;
             const CURLcode code = message->data.result;
-            Finish(easy, code, job->outcome);
+            Finish(*handle, code, job->outcome);
             if (code != CURLE_OK) {
-                job->outcome.netError = MapError(code);
-                job->outcome.errorText = extras[easy]->errors[0] ? extras[easy]->errors : curl_easy_strerror(code);
-                qCDebug(lcNet) << "QMNet::Engine async" << curl_easy_strerror(code) << extras[easy]->errors;
+                job->outcome.netError = MapError(code, *handle);
+                job->outcome.errorText = ErrorText(code, *handle);
+                qCDebug(lcNet) << "QMNet::Engine async" << curl_easy_strerror(code) << handle->errors;
             }
             job->easy = nullptr;
-            release(easy);
+            release(handle);
             job->Deliver();
         }
+        if (!waiting.empty() && d->running.empty())
+            continue; // the old trust set's transfers are done: start the waiting ones now
         curl_multi_poll(d->multi, nullptr, 0, 1000, nullptr);
     }
 }
@@ -402,9 +689,9 @@ void AsyncJob::Deliver()
         return;
     // Queued to the owner's thread; Qt drops the call if the owner dies before it runs.
     CHttpRequest* owner = target;
-    Outcome result = std::move(outcome);
+    auto result = std::make_shared<Outcome>(std::move(outcome));
     QMetaObject::invokeMethod(
-        owner, [owner, result]() { owner->DeliverAsync(result); }, Qt::QueuedConnection);
+        owner, [owner, result]() { owner->DeliverAsync(*result); }, Qt::QueuedConnection);
 }
 
 } // namespace QMNet

@@ -2,8 +2,12 @@
 
 #include <curl/curl.h>
 
+#include "qmmemberwebservice_export.h"
+
 #include <QObject>
 
+#include <atomic>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -45,11 +49,18 @@ struct AsyncJob {
     std::mutex mutex;
     CHttpRequest* target = nullptr;
     CURL* easy = nullptr;
-    std::string curlError;
     void Deliver();
 };
 
-class Engine
+/// Used for a time limit of 0 or below.
+constexpr long kDefaultTimeoutMs = 30000;
+/// Replies larger than this fail as malformed unless the host sets another limit.
+constexpr int64_t kDefaultMaxReplyBytes = int64_t(64) << 20;
+
+struct Trust;
+struct Handle;
+
+class QMMEMBERWEBSERVICE_EXPORT Engine
 {
 public:
     static Engine& Instance();
@@ -63,15 +74,27 @@ public:
     void SetExtraCAFile(const std::string& path);
     std::string ExtraCAFile();
 
+    void SetMaxReplyBytes(int64_t bytes);
+    int64_t MaxReplyBytes() const { return m_maxReply.load(std::memory_order_relaxed); }
+
+    /// Closes the kept connections of the synchronous road; TLS sessions stay.
+    void DropConnections();
+
     // Lives for the whole process (see Instance()).
     ~Engine() = delete;
 
 private:
     Engine();
-    void ConfigureOnce(CURL* easy);
-    void Configure(CURL* easy, const Exchange& exchange, Outcome& outcome, char* errorBuffer);
-    static unsigned int MapError(CURLcode code);
+    std::shared_ptr<Trust> CurrentTrust();
+    std::shared_ptr<Trust> MakeTrust(const std::string& extraFile);
+    Handle* NewHandle(const std::shared_ptr<Trust>& trust);
+    static void FreeHandle(Handle* handle);
+    void Configure(Handle& handle, const Exchange& exchange, Outcome& outcome);
+    static unsigned int MapError(CURLcode code, const Handle& handle);
+    static std::string ErrorText(CURLcode code, const Handle& handle);
     void RunAsyncLoop();
+
+    std::atomic<int64_t> m_maxReply{kDefaultMaxReplyBytes};
 
     struct Impl;
     std::unique_ptr<Impl> d;

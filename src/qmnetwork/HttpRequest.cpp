@@ -162,13 +162,16 @@ bool CHttpRequest::Perform(const char* method, const wchar_t* host, const wchar_
     m_kHeaders.clear();
     m_strLastMethod = exchange.method;
     m_strLastUrl = exchange.url;
-    const QMNet::Outcome outcome = Engine::Instance().Perform(exchange);
-    ApplyOutcome(outcome);
-    if (reply)
-        *reply = GetReturnData();
+    QMNet::Outcome outcome = Engine::Instance().Perform(exchange);
     if (replyHeaders)
         *replyHeaders = Wide(outcome.headers);
-    return outcome.completed;
+    const bool completed = outcome.completed;
+    ApplyOutcome(std::move(outcome));
+    // Straight into the caller's string: a large reply is not also kept wide here (GetReturnData
+    // makes that copy only when asked).
+    if (reply)
+        *reply = Wide(m_kReplyBody);
+    return completed;
 }
 
 void CHttpRequest::StartAsync(const char* method, const std::wstring& host, const std::wstring& path,
@@ -188,9 +191,9 @@ void CHttpRequest::StartAsync(const char* method, const std::wstring& host, cons
     Engine::Instance().Submit(std::move(job));
 }
 
-void CHttpRequest::ApplyOutcome(const QMNet::Outcome& outcome)
+void CHttpRequest::ApplyOutcome(QMNet::Outcome&& outcome)
 {
-    m_kReplyBody = outcome.body;
+    m_kReplyBody = std::move(outcome.body);
     m_bReplyConverted = false;
     m_nLastError = outcome.netError;
     m_nHttpStatus = outcome.completed ? static_cast<int>(outcome.httpStatus) : 0;
@@ -200,7 +203,7 @@ void CHttpRequest::ApplyOutcome(const QMNet::Outcome& outcome)
 void CHttpRequest::DeliverAsync(const QMNet::Outcome& outcome)
 {
     m_pJob.reset();
-    ApplyOutcome(outcome);
+    ApplyOutcome(QMNet::Outcome(outcome));
     if (outcome.completed)
         emit FinishedAsync(GetReturnData());
     else

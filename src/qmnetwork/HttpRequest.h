@@ -100,7 +100,7 @@ private:
     void StartAsync(const char* method, const std::wstring& host, const std::wstring& path, std::string body,
                     const std::wstring& contentType, const std::wstring& extraHeaders, unsigned int timeoutMs,
                     bool useProxy, bool followRedirects);
-    void ApplyOutcome(const QMNet::Outcome& outcome);
+    void ApplyOutcome(QMNet::Outcome&& outcome);
     void DeliverAsync(const QMNet::Outcome& outcome);
     void DetachJob();
 

@@ -2,6 +2,7 @@
 
 #include "CurlEngine.h"
 #include "HttpRequest.h"
+#include "../LZString/LZString.h"
 #include "../registry/RegistryStore.h"
 
 #include <QString>
@@ -92,6 +93,17 @@ void CQMNetworkCenter::SetExtraCAFile(const std::wstring& path)
 std::wstring CQMNetworkCenter::GetExtraCAFile()
 {
     return QString::fromLocal8Bit(QMNet::Engine::Instance().ExtraCAFile().c_str()).toStdWString();
+}
+
+void CQMNetworkCenter::SetMaxReplyBytes(long long bytes)
+{
+    QMNet::Engine::Instance().SetMaxReplyBytes(bytes);
+    LZString::SetOutputLimit(QMNet::Engine::Instance().MaxReplyBytes());
+}
+
+long long CQMNetworkCenter::GetMaxReplyBytes()
+{
+    return QMNet::Engine::Instance().MaxReplyBytes();
 }
 
 void CQMNetworkCenter::SetProbeHost(const std::wstring& host)

@@ -5,7 +5,8 @@
 #include "qmmemberwebservice_export.h"
 
 /// Process-wide network settings: the proxy account, the extra trusted CA and
-/// the connection probe.
+/// the connection probe, the reply size limit. A time limit of 0 or below
+/// given to any exchange means the default of 30 seconds, never no limit.
 class QMMEMBERWEBSERVICE_EXPORT CQMNetworkCenter
 {
 public:
@@ -20,8 +21,16 @@ public:
     static bool GetUsingExternalProxyDialog();
 
     /// A PEM file of CAs trusted in addition to the system's (default: $QM_CA_FILE).
+    /// Any change of the trusted set closes the kept connections and forgets the
+    /// TLS sessions, so the next exchange is verified under the new set.
     static void SetExtraCAFile(const std::wstring& path);
     static std::wstring GetExtraCAFile();
+    /// The largest reply body (and header block) an exchange accepts, in bytes;
+    /// default 64 MiB, 0 or below restores it. A larger reply fails as a
+    /// malformed one (InvalidServerResponse) and its memory is released. A
+    /// compressed reply member may not decode to more characters than this.
+    static void SetMaxReplyBytes(long long bytes);
+    static long long GetMaxReplyBytes();
     /// The host that IsInternetConnectionActive probes; the service sets its API host.
     static void SetProbeHost(const std::wstring& host);
     static std::wstring GetProbeHost();

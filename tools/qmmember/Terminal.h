@@ -12,6 +12,8 @@ namespace Terminal {
 /// True when standard input (or standard error) is a terminal.
 bool InputIsTerminal();
 bool ErrorIsTerminal();
+/// True when standard output is a terminal (long output may then go through a pager).
+bool OutputIsTerminal();
 
 /// One line of standard input, UTF-8, without its line end.
 QString ReadLine();

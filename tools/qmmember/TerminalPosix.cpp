@@ -33,6 +33,11 @@ bool ErrorIsTerminal()
     return ::isatty(STDERR_FILENO);
 }
 
+bool OutputIsTerminal()
+{
+    return ::isatty(STDOUT_FILENO);
+}
+
 QString ReadLine()
 {
     std::string line;

@@ -34,6 +34,11 @@ bool ErrorIsTerminal()
     return _isatty(_fileno(stderr));
 }
 
+bool OutputIsTerminal()
+{
+    return _isatty(_fileno(stdout));
+}
+
 QString ReadLine()
 {
     std::string line;

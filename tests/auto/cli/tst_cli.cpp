@@ -145,6 +145,11 @@ private slots:
         QTest::newRow("no terminal for the password") << QStringList{"login", "--email", kEmail} << "terminal";
         QTest::newRow("cache name with a folder") << QStringList{"cache", "clear", "../../victim.txt"} << "plain";
         QTest::newRow("cache show outside") << QStringList{"cache", "show", "../x"} << "plain";
+        QTest::newRow("content list kind") << QStringList{"content", "list", "wishlist", "P", "1"} << "wishlist";
+        QTest::newRow("content meta index") << QStringList{"content", "meta", "P", "1", "a", "--index", "x"}
+                                            << "--index";
+        QTest::newRow("content meta without IDs") << QStringList{"content", "meta", "P", "1"} << "few";
+        QTest::newRow("cart add without IDs") << QStringList{"cart", "add"} << "few";
     }
     void usageErrors()
     {
@@ -415,6 +420,34 @@ private slots:
         file.close();
         QCOMPARE(Run({"lz", "decode", file.fileName(), "--json-string"}).out.trimmed(),
                  QByteArray("ababababababababab"));
+    }
+
+    // The content commands as scripts read them: the reply's data as it came, new versions, cart.
+    void contentCommands()
+    {
+        m_server.Admin("/admin/content/item", {{"ContentID", "CLI-1"}, {"ProductID", "CliStudio"}, {"Version", "3"},
+                                               {"Title", "Cli Poster"}, {"Price", 1.5},
+                                               {"MetaData", QJsonObject{{"Author", "cli"}}}});
+        const Ran signedOut = Run({"--json", "content", "get", "CLI-1"});
+        QCOMPARE(signedOut.code, 1);
+        QCOMPARE(signedOut.Json().value("error").toObject().value("cause").toString(), QStringLiteral("not_signed_in"));
+        QCOMPARE(Run({"login", "--email", kEmail, "--password-stdin"}, kPassword.toUtf8() + "\n").code, 0);
+        const Ran meta = Run({"--json", "content", "meta", "CliStudio", "3", "CLI-1", "nope"});
+        QCOMPARE(meta.code, 0);
+        QCOMPARE(meta.out.count('\n'), 1);
+        const QJsonObject data = meta.Json().value("data").toObject();
+        QCOMPARE(data.value("Items").toArray().first().toObject().value("MetaData").toObject().value("Author"),
+                 QJsonValue("cli"));
+        QCOMPARE(data.value("Missing").toArray(), QJsonArray{"nope"});
+        const Ran table = Run({"content", "meta", "CliStudio", "3", "CLI-1"});
+        QVERIFY2(table.out.contains("Cli Poster") && table.out.contains("ContentID"), table.out);
+        m_server.Admin("/admin/content/publish", {{"ContentID", "CLI-1"}});
+        QCOMPARE(Run({"--json", "content", "new-versions", "CliStudio", "3", "CLI-1"}).Json().value("new_versions"),
+                 QJsonValue(QJsonArray{"CLI-1"}));
+        const Ran cart = Run({"--json", "cart", "add", "CLI-1", "CLI-1", "nope"});
+        QCOMPARE(cart.code, 0);
+        QCOMPARE(cart.Json().value("cart_links").toArray().size(), 1);
+        QCOMPARE(Run({"logout"}).code, 0);
     }
 
     void cacheRoundTripAndProfileSource()

@@ -4,6 +4,10 @@
 #include <QFile>
 #include <QtTest>
 
+#ifdef Q_OS_UNIX
+#include <sys/resource.h>
+#endif
+
 namespace {
 
 QString ReadUtf16(const QString& file)
@@ -45,6 +49,35 @@ private:
     int m_value = 0;
     int m_position = 0;
 };
+
+// "x" and then \a n self-references: phrases of 2, 3 .. n + 1 characters.
+QString SelfReferences(int n)
+{
+    Stream stream;
+    stream.Bits(0, 2).Bits('x', 8);
+    int dictSize = 4;
+    int enlargeIn = 4;
+    int numBits = 3;
+    for (int i = 0; i < n; ++i) {
+        stream.Bits(dictSize++, numBits);
+        if (--enlargeIn == 0) {
+            enlargeIn = 1 << numBits;
+            ++numBits;
+        }
+    }
+    return stream.Bits(2, numBits).Done();
+}
+
+long PeakKiB()
+{
+#ifdef Q_OS_UNIX
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    return usage.ru_maxrss;
+#else
+    return 0;
+#endif
+}
 
 } // namespace
 
@@ -115,6 +148,34 @@ private slots:
             QCOMPARE(decoded, expected);
             QVERIFY(!decoded.isNull());
         }
+    }
+
+    void outputLimit_data()
+    {
+        QTest::addColumn<int>("references");
+        QTest::addColumn<qint64>("limit"); // 0: the default, for replies
+        QTest::addColumn<int>("length");   // -1: a null result
+        QTest::newRow("at the limit") << 100 << qint64(5151) << 5151;
+        QTest::newRow("one over the limit") << 100 << qint64(5150) << -1;
+        // 35 KB of stream that would decode to 200 Mi characters (400 MB).
+        QTest::newRow("over the default limit") << 20000 << qint64(0) << -1;
+    }
+    void outputLimit()
+    {
+        QFETCH(int, references);
+        QFETCH(qint64, limit);
+        QFETCH(int, length);
+        const QString stream = SelfReferences(references);
+        const long peakBefore = PeakKiB();
+        const QString decoded
+            = limit ? LZString::decompressFromUTF16(stream, limit) : LZString::decompressFromUTF16(stream);
+        if (length < 0) {
+            QVERIFY(decoded.isNull());
+        } else {
+            QCOMPARE(decoded, QString(length, QLatin1Char('x')));
+        }
+        // It stops before the text is built, not after.
+        QVERIFY2(PeakKiB() - peakBefore < 32 * 1024, qPrintable(QString::number(PeakKiB() - peakBefore)));
     }
 
     void emptyInputAndConstants()

@@ -481,7 +481,7 @@ private slots:
         }
         for (auto& client : clients) {
             QVERIFY(client->waitForFinished(30000));
-            QCOMPARE(client->exitCode(), 0);
+            QVERIFY2(client->exitCode() == 0, client->readAllStandardError().constData());
         }
         QCOMPARE(Count("/MemberAPI/Token"), 1);
         QVERIFY(Read(L"QMToken") != W(m_access));

@@ -1,4 +1,5 @@
 #include "ServerFixture.h"
+#include "LZString/LZString.h"
 #include "qmnetwork/HttpRequest.h"
 #include "qmnetwork/QMNetworkCenter.h"
 #include "registry/RegistryStore.h"
@@ -9,6 +10,7 @@
 #include <QtTest>
 
 #include <atomic>
+#include <functional>
 
 class TestTransport : public QObject
 {
@@ -135,6 +137,10 @@ private slots:
         constexpr int kCount = 100;
         QThread worker;
         worker.start();
+        const auto stopWorker = qScopeGuard([&worker] {
+            worker.quit();
+            worker.wait();
+        });
         std::vector<std::unique_ptr<CHttpRequest>> requests;
         std::map<CHttpRequest*, int> finished;
         int wrongThread = 0;
@@ -171,8 +177,6 @@ private slots:
             if (request->thread() != thread())
                 QMetaObject::invokeMethod(request.release(), &QObject::deleteLater);
         }
-        worker.quit();
-        worker.wait();
     }
 
     void deletingInFlightIsSafe()
@@ -220,6 +224,96 @@ private slots:
         QVERIFY(!m_server.Requests("/qmtest/echo").last().value("headers").toObject().contains("X-Unicode"));
         QVERIFY(request.HeadSync(m_host.c_str(), L"/", reply, headers, 5000, false, nullptr, nullptr, false));
         QVERIFY(reply.empty());
+    }
+
+    // Sync first, then the asynchronous road; the same netError from both.
+    void ExpectBoth(const std::function<void(CHttpRequest&)>& prepare, bool ok, unsigned int netError,
+                    unsigned int timeoutMs = 10000)
+    {
+        CHttpRequest request(nullptr, true);
+        prepare(request);
+        QCOMPARE(Get(request, L"/qmtest/echo", timeoutMs), ok);
+        QCOMPARE(request.GetNetLastError(), netError);
+        if (!ok)
+            QVERIFY(request.GetReturnData().empty());
+        CHttpRequest async(nullptr, false);
+        prepare(async);
+        QSignalSpy finished(&async, &CHttpRequest::FinishedAsync);
+        QSignalSpy errors(&async, &CHttpRequest::ErrorAsync);
+        async.GetAsync(m_host, L"/qmtest/echo", timeoutMs, false, L"application/json");
+        QTRY_VERIFY_WITH_TIMEOUT(finished.size() + errors.size() == 1, 5000 * kSanitizerSlowdown);
+        QCOMPARE(finished.size(), ok ? 1 : 0);
+        if (!ok)
+            QCOMPARE(errors.first().first().toUInt(), netError);
+    }
+
+    void limitsOnWhatComesIn_data()
+    {
+        QTest::addColumn<QString>("kind");
+        QTest::addColumn<int>("size");
+        QTest::addColumn<unsigned int>("timeoutMs");
+        QTest::addColumn<bool>("ok");
+        QTest::addColumn<unsigned int>("netError");
+        const unsigned int malformed = QMNet::InvalidServerResponse;
+        QTest::newRow("reply within the cap") << "body" << 3000 << 10000u << true << 0u;
+        QTest::newRow("reply over the cap") << "body" << 5000 << 10000u << false << malformed;
+        QTest::newRow("time limit 0: the default") << "delay" << 0 << 0u << true << 0u;
+        QTest::newRow("time limit -1: the default") << "delay" << 0 << unsigned(-1) << true << 0u;
+        const unsigned int refused = QMNet::InternalError;
+        QTest::newRow("CR in a header") << "header" << int('\r') << 10000u << false << refused;
+        QTest::newRow("LF in a header") << "header" << int('\n') << 10000u << false << refused;
+        QTest::newRow("NUL in a header") << "header" << 0 << 10000u << false << refused;
+    }
+    void limitsOnWhatComesIn()
+    {
+        QFETCH(QString, kind);
+        QFETCH(int, size);
+        QFETCH(unsigned int, timeoutMs);
+        QFETCH(bool, ok);
+        QFETCH(unsigned int, netError);
+        std::function<void(CHttpRequest&)> prepare = [](CHttpRequest&) {};
+        if (kind == "body") {
+            CQMNetworkCenter::SetMaxReplyBytes(4096);
+            QCOMPARE(LZString::OutputLimit(), qint64(4096));
+            m_server.Fault({{"path", "/qmtest/echo"}, {"http", 200}, {"body", QString(size, QLatin1Char('x'))}});
+        } else if (kind == "delay") {
+            m_server.Fault({{"path", "/qmtest/echo"}, {"delay_ms", 300}}); // neither 0 ms nor unsigned -1 ms
+        } else {
+            QTest::ignoreMessage(QtWarningMsg, QRegularExpression("refuses a header value"));
+            QTest::ignoreMessage(QtWarningMsg, QRegularExpression("refuses a header value"));
+            prepare = [size](CHttpRequest& request) {
+                request.AddRawHeader(L"User-Agent", L"Pro" + std::wstring(1, wchar_t(size)) + L"X-Injected: yes");
+            };
+        }
+        ExpectBoth(prepare, ok, netError, timeoutMs);
+        CQMNetworkCenter::SetMaxReplyBytes(0);
+        QCOMPARE(CQMNetworkCenter::GetMaxReplyBytes(), 64LL << 20);
+        if (kind == "header")
+            QVERIFY(m_server.Requests("/qmtest/echo").isEmpty()); // nothing was sent
+    }
+
+    void trustChangeDropsConnections_data()
+    {
+        QTest::addColumn<bool>("keepCA");
+        QTest::newRow("the same CA again: new connections, no old session") << true;
+        QTest::newRow("CA removed: kept connections do not carry on") << false;
+    }
+    void trustChangeDropsConnections()
+    {
+        QFETCH(bool, keepCA);
+        CQMNetworkCenter::SetExtraCAFile(m_server.CaFile().toStdWString());
+        ExpectBoth([](CHttpRequest&) {}, true, 0); // a kept connection on both roads
+        const QJsonObject before = m_server.Admin(QStringLiteral("/admin/stats"));
+        CQMNetworkCenter::SetExtraCAFile(keepCA ? m_server.CaFile().toStdWString() : std::wstring());
+        ExpectBoth([](CHttpRequest&) {}, keepCA, keepCA ? 0u : unsigned(QMNet::InvalidCertificate));
+        const QJsonObject after = m_server.Admin(QStringLiteral("/admin/stats"));
+        CQMNetworkCenter::SetExtraCAFile(m_server.CaFile().toStdWString());
+        if (keepCA) {
+            // Ours on both roads, and the admin call that read the figures.
+            QCOMPARE(after.value("connections").toInt() - before.value("connections").toInt(), 3);
+            // Only the second of ours resumes: the session the first made under the new set.
+            QCOMPARE(after.value("resumed").toInt() - before.value("resumed").toInt(), 1);
+        }
     }
 
     void networkCenter()
