@@ -292,6 +292,75 @@ public:
     static QString DecompressReplyText(const QString& compressed);
 
     // --- launcher services ------------------------------------------------------------
+    /// Where a member redirect link leads (GetMemberRedirectLink).
+    enum ERedirectType : int {
+        REDIRECT_WEB_PAGE = 0,       ///< the given page of the member web site, signed in
+        REDIRECT_MEMBER_ACCOUNT = 1, ///< the member's account page; the target URL is not sent
+        REDIRECT_PURCHASE_PAGE = 2,  ///< the given page, marked for the site as a purchase visit
+    };
+    /// Which end-user agreement is meant. 4 also asks for the system language's variant.
+    enum EContentManagerEulaServiceType : int {
+        EULA_GENERAL = 0,
+        EULA_APPLICATION = 4, ///< English text
+        EULA_APPLICATION_TW = 7,
+        EULA_APPLICATION_JP = 8,
+        EULA_APPLICATION_DE = 9,
+    };
+    /// Language bits of the agreement texts; LID_SYSTEM follows the system locale.
+    enum ELanguageID : int {
+        LID_SYSTEM = -1,
+        LID_ENGLISH = 1,
+        LID_TRADITIONAL_CHINESE = 2,
+        LID_JAPANESE = 4,
+        LID_GERMAN = 8,
+    };
+
+    /// The member's products for the \a installed (product ID, language) list, as the compact
+    /// JSON of the whole reply, from "ProductInfoList.json" while it is from today and the
+    /// list is unchanged (unless \a forceUpdate, or SetCacheFolderPath("") turned the cache off).
+    /// \a requestAp (may be null) names the calling application (ID, build).
+    /// Synchronous: 2 with \a productInfo filled; 6 after a refresh and one repeat; a reply
+    /// served from the cache returns -1 (-7 offline) with \a productInfo filled all the same.
+    /// Asynchronous (\a sync false): returns -1 at once (-7 offline) and never touches \a productInfo
+    /// afterwards; the outcome comes once, in the thread owning this object, as
+    /// FinishRequest(L"GetMemberProductInfo", json, netError) then FinishCurrentFunction();
+    /// json is empty when neither the server nor the cache had an answer.
+    /// \a flag is set on the request object. Shows the wait cursor in a GUI thread.
+    EWSResult GetMemberProductInfo(ProductIDList& installed, std::wstring& productInfo, bool forceUpdate,
+                                   std::pair<std::wstring, std::wstring>* requestAp, bool sync, int timeoutMs,
+                                   bool flag);
+    /// The member's purchased products as the compact JSON of the whole reply (no installed
+    /// list is sent). \a checkBuyFullProduct non-zero lists full licences only (perpetual and
+    /// subscription), zero trials too; \a reserved1 and \a reserved2 are accepted and unused.
+    /// 2 leaves \a purchaseInfo untouched when nothing was bought; status 6 refreshes the token
+    /// and repeats once. Asynchronous (\a sync false): -1 at once, then, in the thread owning
+    /// this object, FinishRequest(L"GetPurchaseProductInfo", json, netError); json is empty on a
+    /// failure and when nothing was bought.
+    EWSResult GetPurchaseProductInfo(int checkBuyFullProduct, int reserved1, int reserved2,
+                                     std::wstring& purchaseInfo, std::pair<std::wstring, std::wstring>* requestAp,
+                                     int timeoutMs, bool sync);
+    /// Builds, without a request, the member redirect link that signs the browser in: \a link
+    /// is the target URL in and the link out. Refreshes the token first when the last refresh is
+    /// 2 minutes old. 4 and \a link untouched when \a languageId < 1, no token, an empty target
+    /// (types 0 and 2) or another type. The link carries the access token: do not log it.
+    EWSResult GetMemberRedirectLink(std::wstring& link, int languageId, ERedirectType type);
+    /// The language packs of the product registered under \a productKey, for this application,
+    /// as the compact JSON of the reply with "result" expanded. Synchronous.
+    EWSResult GetLanguagePackInfo(std::wstring& languagePackInfo, const std::wstring& productKey, int timeoutMs);
+    /// What the service knows of a plug-in for this application's version, as compact JSON.
+    /// The values go into the query as they are. Synchronous.
+    EWSResult GetPluginInfo(const std::wstring& pluginProductId, const std::wstring& pluginVersion,
+                            std::wstring& pluginInfo, int timeoutMs);
+    /// Downloads an agreement text from the web host: 2 with \a agreementText, -1 on a failed
+    /// download or a type other than 0 and 4. Synchronous.
+    EWSResult GetWebEndUserLicenseAgreement(EContentManagerEulaServiceType type, std::wstring& agreementText,
+                                            ELanguageID language);
+    /// True when the member must agree to a renewed agreement; any failure reads false (logged
+    /// unless the server said "not due"). Synchronous.
+    bool CheckIfNeedToShowEula(EContentManagerEulaServiceType type, int timeoutMs);
+    /// Records the member's consent to the current version; the outcome is not reported
+    /// (ask CheckIfNeedToShowEula again). Synchronous.
+    void SetUserEulaConsent(EContentManagerEulaServiceType type, int timeoutMs);
 
     // --- content manager ----------------------------------------------------------------
     // Every content call below is synchronous unless said otherwise, blocks for at most \a timeout
@@ -484,6 +553,23 @@ private:
     LoginPollFailedCallback m_fnLoginPollFailed;
 
     // Launcher services (private).
+    struct SProductCall;
+    EWSResult CheckMemberProductInfo(ProductIDList& installed, std::wstring& productInfo, bool forceUpdate,
+                                     std::pair<std::wstring, std::wstring>* requestAp, std::wstring& reply, bool sync,
+                                     int timeoutMs, bool flag);
+    EContentManagerEulaServiceType GetSystemLanguageForEula();
+    EContentManagerEulaServiceType ConvertSystemLanguageIdForEula(ELanguageID language);
+    void AddLauncherHeaders(CHttpRequest* request, bool withToken);
+    void SendLauncherAsync(CHttpRequest* request, const std::wstring& path, const std::string& body, int timeoutMs,
+                           std::function<void(CHttpRequest*, bool)> done);
+    EWSResult SendProductRequest(SProductCall* call, std::wstring& productInfo);
+    EWSResult EndProductReply(SProductCall* call, EWSResult result,
+                              std::wstring& productInfo);
+    void FinishProductCall(SProductCall* call, const std::wstring& productInfo,
+                           unsigned int netError);
+    EWSResult LauncherQuery(const QString& caller, const std::wstring& path, std::wstring& output, int timeoutMs,
+                            int depth);
+    EWSResult EvaluatePurchaseReply(const std::wstring& reply, std::wstring& purchaseInfo);
 
     // Content manager (private).
     /// The calling pattern of every content call: a fresh id from GenerateApiRequestID, one-shot

@@ -13,6 +13,8 @@
 #include <QStandardPaths>
 #include <QTextStream>
 
+#include <atomic>
+
 namespace {
 
 QMutex& FolderMutex()
@@ -20,6 +22,9 @@ QMutex& FolderMutex()
     static QMutex mutex;
     return mutex;
 }
+
+// Set by SetCacheFolderPath(""): the product cache stays off until a folder is set.
+std::atomic<bool> s_folderTurnedOff{false};
 
 QString PathOf(const QString& fileName)
 {
@@ -138,6 +143,11 @@ bool InstalledListModified(const ProductIDList& installed)
     return matches != installed.size();
 }
 
+bool FolderTurnedOff()
+{
+    return s_folderTurnedOff;
+}
+
 } // namespace QMCache
 
 // --- the service's members ----------------------------------------------------------
@@ -155,6 +165,7 @@ QString CQMMemberWebService::GetCacheFolderPath()
 void CQMMemberWebService::SetCacheFolderPath(QString path)
 {
     QMutexLocker lock(&FolderMutex());
+    s_folderTurnedOff = path.isEmpty();
     ms_kCacheFolderPath = std::move(path);
 }
 

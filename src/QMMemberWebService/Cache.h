@@ -30,4 +30,8 @@ QMMEMBERWEBSERVICE_EXPORT QString ListToString(const ProductIDList& list);
 QMMEMBERWEBSERVICE_EXPORT ProductIDList StringToList(const QString& text);
 QMMEMBERWEBSERVICE_EXPORT bool InstalledListModified(const ProductIDList& installed);
 
+/// True after the host set an empty folder path: the product cache is then off, while
+/// the folder path itself still reads as the default.
+QMMEMBERWEBSERVICE_EXPORT bool FolderTurnedOff();
+
 } // namespace QMCache
