@@ -58,7 +58,7 @@ public:
         QString title; ///< default: the file's name
         int type = 1;
         bool resume = false;             ///< go on from the journal next to the file
-        qint64 multipartThreshold = 16 * 1024 * 1024;
+        qint64 multipartThreshold = 16 * 1024 * 1024; ///< larger files go in parts
         qint64 partSize = 8 * 1024 * 1024; ///< 5 MiB at least: the storage refuses smaller parts but the last
         int stallSeconds = 30;           ///< no bytes for this long: the request is retried
         int retries = 3;                 ///< per request, with 1, 2, 4 ... s between tries
@@ -69,6 +69,7 @@ public:
 
     /// \a service must outlive the job and live in the job's thread, which runs an event loop.
     CQMContentPublishJob(CQMMemberWebService* service, Options options, QObject* parent = nullptr);
+    /// Destroying a running job cancels it as kill() does, without the result signal.
     ~CQMContentPublishJob() override;
 
     /// Starts the job; returns at once.
@@ -83,8 +84,9 @@ public:
     int PartsFound() const { return m_partsFound; }
     /// The journal of \a filePath's upload.
     static QString JournalPath(const QString& filePath) { return filePath + QStringLiteral(".qmupload"); }
-    /// The pack's ID and its object key, once known.
+    /// The pack's ID, once known; empty before.
     QString PackId() const { return m_packId; }
+    /// The object key in the bucket, once known; empty before.
     QString ObjectKey() const { return m_key; }
 
 signals:

@@ -275,6 +275,7 @@ public:
     /// them, \a failuresInRow the polls without an answer since the last answered one. Polling
     /// goes on; the host may stop it with OnMemberLogInStop(). Set it before MemberLogInPollingAsync.
     using LoginPollFailedCallback = std::function<void(unsigned int netError, const std::wstring& text, int failuresInRow)>;
+    /// Sets (or, with an empty function, clears) the callback above.
     void SetLoginPollFailedCallback(LoginPollFailedCallback callback) { m_fnLoginPollFailed = std::move(callback); }
 
     // --- host tools: cache files, store location, compressed replies ----------------------
