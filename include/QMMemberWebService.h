@@ -580,8 +580,10 @@ private:
     /// in the FinishApiRequest handler, with this request's result text (possibly empty); it does
     /// not run on a missing login or a failed connection, whose ErrorNotice comes first. Returns
     /// DoApiRequest's result unchanged. Other requests on this object never reach \a onFinish.
+    /// GeneralSyncApiRequest goes the same way, with its \a replyKey.
     EWSResult ContentSyncRequest(std::wstring path, std::string body, int timeoutMs, bool needLogin,
-                                 const std::function<void(const std::wstring&)>& onFinish);
+                                 const std::function<void(const std::wstring&)>& onFinish,
+                                 std::wstring replyKey = std::wstring());
     /// ContentSyncRequest whose handler copies the result text into \a out.
     EWSResult ContentSyncRequest(std::wstring path, std::string body, int timeoutMs, bool needLogin,
                                  std::wstring& out);

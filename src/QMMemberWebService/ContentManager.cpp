@@ -15,7 +15,7 @@
 
 CQMMemberWebService::EWSResult CQMMemberWebService::ContentSyncRequest(
     std::wstring path, std::string body, int timeoutMs, bool needLogin,
-    const std::function<void(const std::wstring&)>& onFinish)
+    const std::function<void(const std::wstring&)>& onFinish, std::wstring replyKey)
 {
     const QString id = GenerateApiRequestID();
     // Owned by the call and both handlers: whichever runs first disconnects the other.
@@ -42,7 +42,7 @@ CQMMemberWebService::EWSResult CQMMemberWebService::ContentSyncRequest(
         },
         Qt::DirectConnection);
     const EWSResult result =
-        DoApiRequest(std::move(path), std::move(body), timeoutMs, needLogin, true, id, std::wstring());
+        DoApiRequest(std::move(path), std::move(body), timeoutMs, needLogin, true, id, std::move(replyKey));
     // A request object that could not be made emits nothing; leave no handler behind.
     disconnectBoth();
     return result;

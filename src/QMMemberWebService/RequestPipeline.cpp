@@ -289,33 +289,8 @@ CQMMemberWebService::EWSResult CQMMemberWebService::GeneralSyncApiRequest(std::w
                                                                           std::string body, std::wstring& resultText,
                                                                           int timeoutMs, std::wstring replyKey)
 {
-    const QString id = GenerateApiRequestID();
-    auto connections = std::make_shared<std::pair<QMetaObject::Connection, QMetaObject::Connection>>();
-    auto disconnectBoth = [connections]() {
-        QObject::disconnect(connections->first);
-        QObject::disconnect(connections->second);
-    };
-    // Direct: the request is synchronous and may run outside this object's thread.
-    connections->first = connect(
-        this, QOverload<QString, EWSResult>::of(&CQMMemberWebService::ErrorNotice), this,
-        [id, disconnectBoth](QString kGuid, EWSResult) {
-            if (kGuid == id)
-                disconnectBoth();
-        },
-        Qt::DirectConnection);
-    connections->second = connect(
-        this, QOverload<const std::wstring&, bool, QString>::of(&CQMMemberWebService::FinishApiRequest), this,
-        [id, disconnectBoth, &resultText](const std::wstring& strRaw, bool, QString kGuid) {
-            if (kGuid != id)
-                return;
-            disconnectBoth();
-            resultText = strRaw;
-        },
-        Qt::DirectConnection);
-    const EWSResult result = DoApiRequest(std::move(path), std::move(body), timeoutMs, needLogin, true, id,
-                                          std::move(replyKey));
-    disconnectBoth();
-    return result;
+    return ContentSyncRequest(std::move(path), std::move(body), timeoutMs, needLogin,
+                              [&resultText](const std::wstring& text) { resultText = text; }, std::move(replyKey));
 }
 
 CQMMemberWebService::EWSResult CQMMemberWebService::GeneralSyncGetApiRequest(std::wstring path, bool needLogin,
