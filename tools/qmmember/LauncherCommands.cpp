@@ -339,16 +339,27 @@ int EulaText(Context& c)
     return c.Done(result);
 }
 
+// What eula check and consent read first: --timeout, --type and a signed-in member; false with
+// \a exitCode set when one of them fails.
+bool ConsentArgs(Context& c, int& timeoutMs, Service::EContentManagerEulaServiceType& type, int& exitCode)
+{
+    if (!c.Seconds(QStringLiteral("timeout"), 30, timeoutMs)) {
+        exitCode = kExitUsage;
+        return false;
+    }
+    if (!AgreementType(c, {0, 4, 7, 8, 9}, type)) {
+        exitCode = c.Usage(QStringLiteral("--type takes 0, 4, 7, 8 or 9"));
+        return false;
+    }
+    return SignedIn(c, exitCode);
+}
+
 int EulaCheck(Context& c)
 {
     int timeoutMs = 0;
-    if (!c.Seconds(QStringLiteral("timeout"), 30, timeoutMs))
-        return kExitUsage;
     Service::EContentManagerEulaServiceType type;
-    if (!AgreementType(c, {0, 4, 7, 8, 9}, type))
-        return c.Usage(QStringLiteral("--type takes 0, 4, 7, 8 or 9"));
     int exitCode = kExitOk;
-    if (!SignedIn(c, exitCode))
+    if (!ConsentArgs(c, timeoutMs, type, exitCode))
         return exitCode;
     c.Out().Field(QStringLiteral("consent_needed"), c.Service().CheckIfNeedToShowEula(type, timeoutMs));
     return c.Ok();
@@ -357,13 +368,9 @@ int EulaCheck(Context& c)
 int EulaConsent(Context& c)
 {
     int timeoutMs = 0;
-    if (!c.Seconds(QStringLiteral("timeout"), 30, timeoutMs))
-        return kExitUsage;
     Service::EContentManagerEulaServiceType type;
-    if (!AgreementType(c, {0, 4, 7, 8, 9}, type))
-        return c.Usage(QStringLiteral("--type takes 0, 4, 7, 8 or 9"));
     int exitCode = kExitOk;
-    if (!SignedIn(c, exitCode))
+    if (!ConsentArgs(c, timeoutMs, type, exitCode))
         return exitCode;
     c.Service().SetUserEulaConsent(type, timeoutMs);
     // The consent reports nothing: the check tells whether it was recorded.
