@@ -37,15 +37,17 @@ bool ParseInstalled(const QString& text, Service::ProductIDList& list, QString& 
     return true;
 }
 
-// "ID:BUILD" of --request-ap; true when absent.
-bool ParseRequestAp(Context& c, std::pair<std::wstring, std::wstring>& ap, bool& given)
+// "ID:BUILD" of --request-ap; true when absent, false with \a exitCode set when malformed.
+bool ParseRequestAp(Context& c, std::pair<std::wstring, std::wstring>& ap, bool& given, int& exitCode)
 {
     given = c.Has(QStringLiteral("request-ap"));
     if (!given)
         return true;
     const QStringList parts = c.Value(QStringLiteral("request-ap")).split(QLatin1Char(':'));
-    if (parts.size() != 2 || parts.at(0).isEmpty() || parts.at(1).isEmpty())
+    if (parts.size() != 2 || parts.at(0).isEmpty() || parts.at(1).isEmpty()) {
+        exitCode = c.Usage(QStringLiteral("--request-ap takes ID:BUILD"));
         return false;
+    }
     ap = {parts.at(0).toStdWString(), parts.at(1).toStdWString()};
     return true;
 }
@@ -158,10 +160,8 @@ int Products(Context& c)
     }
     std::pair<std::wstring, std::wstring> ap;
     bool withAp = false;
-    if (!ParseRequestAp(c, ap, withAp))
-        return c.Usage(QStringLiteral("--request-ap takes ID:BUILD"));
     int exitCode = kExitOk;
-    if (!SignedIn(c, exitCode))
+    if (!ParseRequestAp(c, ap, withAp, exitCode) || !SignedIn(c, exitCode))
         return exitCode;
     CQMMemberWebService::SetInHouseTest(c.Has(QStringLiteral("in-house")));
 
@@ -222,10 +222,8 @@ int Purchases(Context& c)
         return kExitUsage;
     std::pair<std::wstring, std::wstring> ap;
     bool withAp = false;
-    if (!ParseRequestAp(c, ap, withAp))
-        return c.Usage(QStringLiteral("--request-ap takes ID:BUILD"));
     int exitCode = kExitOk;
-    if (!SignedIn(c, exitCode))
+    if (!ParseRequestAp(c, ap, withAp, exitCode) || !SignedIn(c, exitCode))
         return exitCode;
     std::wstring reply;
     const int result = c.Service().GetPurchaseProductInfo(c.Has(QStringLiteral("full")) ? 1 : 0, 0, 0, reply,
