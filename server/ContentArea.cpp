@@ -903,15 +903,20 @@ private:
             .toJson(QJsonDocument::Compact);
     }
 
+    // The member that owns the seeded catalogues' items.
+    ServerState::Member AddStudio()
+    {
+        return m_server.State().AddMember(QStringLiteral("studio@quillmarsh.test"), QStringLiteral("studio-password"),
+                                          QStringLiteral("Quillmarsh Studio"));
+    }
+
     bool SeedDemo(std::string& error)
     {
         ServerState& state = m_server.State();
         // The server made the demo member before the areas' seeds run.
         const ServerState::Member demo = state.AddMember(QStringLiteral("demo@quillmarsh.test"),
                                                          QStringLiteral("demo-password"), QStringLiteral("Demo"));
-        const ServerState::Member studio = state.AddMember(QStringLiteral("studio@quillmarsh.test"),
-                                                           QStringLiteral("studio-password"),
-                                                           QStringLiteral("Quillmarsh Studio"));
+        const ServerState::Member studio = AddStudio();
         const ServerState::Member sitter = state.AddMember(QStringLiteral("sitter@quillmarsh.test"),
                                                            QStringLiteral("sitter-password"), QStringLiteral("Sitter"));
         return state.WithDatabase([&](sqlite3* db) {
@@ -993,9 +998,7 @@ private:
 
     bool SeedCatalogue(int count, std::string& error)
     {
-        const ServerState::Member studio = m_server.State().AddMember(
-            QStringLiteral("studio@quillmarsh.test"), QStringLiteral("studio-password"),
-            QStringLiteral("Quillmarsh Studio"));
+        const ServerState::Member studio = AddStudio();
         return m_server.State().WithDatabase([&](sqlite3* db) {
             SeedWriter seed(db);
             if (!seed.Ok()) {
