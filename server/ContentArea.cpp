@@ -72,7 +72,8 @@ QJsonObject ItemFromRow(const Statement& row, int first = 0)
 }
 
 // The library writes "Version" unquoted and possibly empty ({"Version":,"ContentID":…}),
-// which no JSON parser takes: quote its raw text first. False when the body stays unreadable.
+// which no JSON parser takes: quote its raw text first. False when the body stays unreadable or
+// names no product. The IDs come without repeats, in their first order.
 struct VersionBody {
     QString productId;
     QString version;
@@ -108,7 +109,8 @@ bool ReadVersionBody(const std::string& body, VersionBody& out)
     const QJsonValue product = out.object.value(QStringLiteral("ProductID"));
     const QJsonValue version = out.object.value(QStringLiteral("Version"));
     const QJsonValue ids = out.object.value(QStringLiteral("ContentID"));
-    if (!product.isString() || !(version.isString() || version.isUndefined()) || !ids.isArray())
+    if (!product.isString() || product.toString().isEmpty() || !(version.isString() || version.isUndefined())
+        || !ids.isArray())
         return false;
     out.productId = product.toString();
     out.version = version.toString();
@@ -119,13 +121,24 @@ bool ReadVersionBody(const std::string& body, VersionBody& out)
             return false;
         out.ids.append(id.toString());
     }
+    out.ids.removeDuplicates();
     return true;
 }
 
-// An item belongs to the request when product and version match; an empty version takes any.
-bool Matches(const Statement& row, const QString& productId, const QString& version)
+// Reads item \a id into \a row (kItemColumns first); false when there is none or it is not of the
+// body's product and version (an empty version takes any).
+bool FindItem(Statement& row, const QString& id, const VersionBody& body)
 {
-    return row.ColumnText(1) == productId && (version.isEmpty() || row.ColumnText(2) == version);
+    return row.Reset().Text(1, id).Row() && row.ColumnText(1) == body.productId
+           && (body.version.isEmpty() || row.ColumnText(2) == body.version);
+}
+
+// The data of a reply about one product version: \a fields with its ProductID and Version.
+QJsonObject VersionData(const QString& product, const QString& version, QJsonObject fields)
+{
+    fields.insert(QStringLiteral("ProductID"), product);
+    fields.insert(QStringLiteral("Version"), version);
+    return fields;
 }
 
 class Transaction
@@ -385,10 +398,7 @@ private:
                 object.insert(QStringLiteral("Categories"), own);
                 nested.append(object);
             }
-            Reply(request, response, kOk,
-                  QJsonObject{{QStringLiteral("ProductID"), product},
-                              {QStringLiteral("Version"), version},
-                              {QStringLiteral("Types"), nested}});
+            Reply(request, response, kOk, VersionData(product, version, {{QStringLiteral("Types"), nested}}));
         });
     }
 
@@ -419,12 +429,11 @@ private:
             QJsonArray items;
             while (latest.Row())
                 items.append(ItemFromRow(latest));
-            return QJsonObject{{QStringLiteral("ProductID"), product},
-                               {QStringLiteral("Version"), version},
-                               {QStringLiteral("ItemCount"), count.ColumnInt(0)},
-                               {QStringLiteral("Types"), TypeRows(db, product, version, kTypesV2)},
-                               {QStringLiteral("Categories"), CategoryRows(db, product, version)},
-                               {QStringLiteral("Latest"), items}};
+            return VersionData(product, version,
+                               {{QStringLiteral("ItemCount"), count.ColumnInt(0)},
+                                {QStringLiteral("Types"), TypeRows(db, product, version, kTypesV2)},
+                                {QStringLiteral("Categories"), CategoryRows(db, product, version)},
+                                {QStringLiteral("Latest"), items}});
         });
         Reply(request, response, kOk, data);
     }
@@ -510,10 +519,7 @@ private:
         if (status != kOk)
             return Reply(request, response, status);
         Reply(request, response, kOk,
-              QJsonObject{{QStringLiteral("OwnerMID"), owner},
-                          {QStringLiteral("ProductID"), product},
-                          {QStringLiteral("Version"), version},
-                          {QStringLiteral("Items"), items}});
+              VersionData(product, version, {{QStringLiteral("OwnerMID"), owner}, {QStringLiteral("Items"), items}}));
     }
 
     void QMContent(const Request& request, Response& response)
@@ -561,7 +567,7 @@ private:
         if (!Member(request, response, memberId))
             return;
         VersionBody body;
-        if (!ReadVersionBody(request.body, body) || body.productId.isEmpty())
+        if (!ReadVersionBody(request.body, body))
             return Reply(request, response, kBadParameters);
         QJsonArray items;
         QJsonArray missing;
@@ -574,13 +580,8 @@ private:
                                   "fetched) VALUES(?1, ?2, ?3, ?4)");
             const qint64 now = QDateTime::currentMSecsSinceEpoch();
             Transaction transaction(db);
-            QSet<QString> seen;
-            seen.reserve(body.ids.size());
             for (const QString& id : body.ids) {
-                if (seen.contains(id))
-                    continue;
-                seen.insert(id);
-                if (!row.Reset().Text(1, id).Row() || !Matches(row, body.productId, body.version)) {
+                if (!FindItem(row, id, body)) {
                     missing.append(id);
                     continue;
                 }
@@ -592,12 +593,11 @@ private:
             transaction.Commit();
         });
         Reply(request, response, kOk,
-              QJsonObject{{QStringLiteral("ProductID"), body.productId},
-                          {QStringLiteral("Version"), body.version},
-                          {QStringLiteral("RequestIndex"), body.object.value(QStringLiteral("RequestIndex"))},
-                          {QStringLiteral("RequestTarget"), body.object.value(QStringLiteral("RequestTarget"))},
-                          {QStringLiteral("Items"), items},
-                          {QStringLiteral("Missing"), missing}});
+              VersionData(body.productId, body.version,
+                          {{QStringLiteral("RequestIndex"), body.object.value(QStringLiteral("RequestIndex"))},
+                           {QStringLiteral("RequestTarget"), body.object.value(QStringLiteral("RequestTarget"))},
+                           {QStringLiteral("Items"), items},
+                           {QStringLiteral("Missing"), missing}}));
     }
 
     void MetaDataEx(const Request& request, Response& response)
@@ -622,10 +622,8 @@ private:
                 fileList.append(QJsonObject{{QStringLiteral("ContentID"), files.ColumnText(0)},
                                             {QStringLiteral("FileVersion"), files.ColumnInt(1)},
                                             {QStringLiteral("SHA256"), files.ColumnText(2)}});
-            return QJsonObject{{QStringLiteral("ProductID"), product},
-                               {QStringLiteral("Version"), version},
-                               {QStringLiteral("Fields"), fieldList},
-                               {QStringLiteral("Files"), fileList}};
+            return VersionData(product, version,
+                               {{QStringLiteral("Fields"), fieldList}, {QStringLiteral("Files"), fileList}});
         });
         Reply(request, response, kOk, data);
     }
@@ -637,7 +635,7 @@ private:
         if (m_server.CheckToken(request, memberId) != ServerState::TokenState::Valid)
             memberId.clear();
         VersionBody body;
-        if (!ReadVersionBody(request.body, body) || body.productId.isEmpty())
+        if (!ReadVersionBody(request.body, body))
             return Reply(request, response, kBadParameters);
         QJsonArray groups;
         m_server.State().WithDatabase([&](sqlite3* db) {
@@ -650,12 +648,8 @@ private:
             QList<QJsonArray> itemsOfGroup;
             QList<qint64> typeOfGroup;
             QJsonArray missing;
-            QSet<QString> seen;
             for (const QString& id : body.ids) {
-                if (seen.contains(id))
-                    continue;
-                seen.insert(id);
-                if (!row.Reset().Text(1, id).Row() || !Matches(row, body.productId, body.version)) {
+                if (!FindItem(row, id, body)) {
                     missing.append(id);
                     continue;
                 }
@@ -694,7 +688,7 @@ private:
         if (!Member(request, response, memberId))
             return;
         VersionBody body;
-        if (!ReadVersionBody(request.body, body) || body.productId.isEmpty())
+        if (!ReadVersionBody(request.body, body))
             return Reply(request, response, kBadParameters);
         int recorded = 0;
         QJsonArray unknown;
@@ -707,11 +701,7 @@ private:
                                "version = excluded.version");
             const qint64 now = QDateTime::currentMSecsSinceEpoch();
             Transaction transaction(db);
-            QSet<QString> seen;
             for (const QString& id : body.ids) {
-                if (seen.contains(id))
-                    continue;
-                seen.insert(id);
                 if (!exists.Reset().Text(1, id).Row()) {
                     unknown.append(id);
                     continue;
@@ -913,15 +903,20 @@ private:
             .toJson(QJsonDocument::Compact);
     }
 
+    // The member that owns the seeded catalogues' items.
+    ServerState::Member AddStudio()
+    {
+        return m_server.State().AddMember(QStringLiteral("studio@quillmarsh.test"), QStringLiteral("studio-password"),
+                                          QStringLiteral("Quillmarsh Studio"));
+    }
+
     bool SeedDemo(std::string& error)
     {
         ServerState& state = m_server.State();
         // The server made the demo member before the areas' seeds run.
         const ServerState::Member demo = state.AddMember(QStringLiteral("demo@quillmarsh.test"),
                                                          QStringLiteral("demo-password"), QStringLiteral("Demo"));
-        const ServerState::Member studio = state.AddMember(QStringLiteral("studio@quillmarsh.test"),
-                                                           QStringLiteral("studio-password"),
-                                                           QStringLiteral("Quillmarsh Studio"));
+        const ServerState::Member studio = AddStudio();
         const ServerState::Member sitter = state.AddMember(QStringLiteral("sitter@quillmarsh.test"),
                                                            QStringLiteral("sitter-password"), QStringLiteral("Sitter"));
         return state.WithDatabase([&](sqlite3* db) {
@@ -1003,9 +998,7 @@ private:
 
     bool SeedCatalogue(int count, std::string& error)
     {
-        const ServerState::Member studio = m_server.State().AddMember(
-            QStringLiteral("studio@quillmarsh.test"), QStringLiteral("studio-password"),
-            QStringLiteral("Quillmarsh Studio"));
+        const ServerState::Member studio = AddStudio();
         return m_server.State().WithDatabase([&](sqlite3* db) {
             SeedWriter seed(db);
             if (!seed.Ok()) {

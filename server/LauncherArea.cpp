@@ -307,8 +307,7 @@ public:
                     Sql(db, "UPDATE launcher_agreements SET version = version + 1 WHERE agreement = ?1")
                         .Bind(1, agreement)
                         .Done();
-                    Sql find(db, "SELECT version FROM launcher_agreements WHERE agreement = ?1");
-                    return find.Bind(1, agreement).Row() ? int(find.Int(0)) : 0;
+                    return CurrentVersion(db, agreement);
                 });
                 m_server.SendJson(response, {{QStringLiteral("agreement"), agreement},
                                              {QStringLiteral("version"), version}});
@@ -631,30 +630,51 @@ private:
         m_server.SendEnvelope(request, response, 2, kOk, data);
     }
 
+    // The agreement's current version, and the one the member consented to; 0 for none.
+    static int CurrentVersion(sqlite3* db, const QString& agreement)
+    {
+        Sql find(db, "SELECT version FROM launcher_agreements WHERE agreement = ?1");
+        return find.Bind(1, agreement).Row() ? int(find.Int(0)) : 0;
+    }
+
+    static int ConsentedVersion(sqlite3* db, const QString& memberId, const QString& agreement)
+    {
+        Sql find(db, "SELECT version FROM launcher_consents WHERE member_id = ?1 AND agreement = ?2");
+        return find.Bind(1, memberId).Bind(2, agreement).Row() ? int(find.Int(0)) : 0;
+    }
+
     int AgreementVersion(const QString& agreement)
     {
-        return m_server.State().WithDatabase([&](sqlite3* db) {
-            Sql find(db, "SELECT version FROM launcher_agreements WHERE agreement = ?1");
-            return find.Bind(1, agreement).Row() ? int(find.Int(0)) : 0;
-        });
+        return m_server.State().WithDatabase([&](sqlite3* db) { return CurrentVersion(db, agreement); });
+    }
+
+    // The member and the agreement of a renewal or consent; false after answering when either is missing.
+    bool AgreementRequest(const Request& request, Response& response, QString& memberId, QString& agreement)
+    {
+        const int tokenStatus = Member(request, memberId);
+        if (tokenStatus != kOk) {
+            m_server.SendEnvelope(request, response, 2, tokenStatus, QJsonValue());
+            return false;
+        }
+        agreement = AgreementOf(request.matches[1]);
+        if (agreement.isEmpty()) {
+            m_server.SendEnvelope(request, response, 2, kParam, QJsonValue());
+            return false;
+        }
+        return true;
     }
 
     void Renew(const Request& request, Response& response)
     {
         QString memberId;
-        const int tokenStatus = Member(request, memberId);
-        if (tokenStatus != kOk)
-            return m_server.SendEnvelope(request, response, 2, tokenStatus, QJsonValue());
-        const QString agreement = AgreementOf(request.matches[1]);
-        if (agreement.isEmpty())
-            return m_server.SendEnvelope(request, response, 2, kParam, QJsonValue());
+        QString agreement;
+        if (!AgreementRequest(request, response, memberId, agreement))
+            return;
         int current = 0;
         int consented = 0;
         m_server.State().WithDatabase([&](sqlite3* db) {
-            Sql version(db, "SELECT version FROM launcher_agreements WHERE agreement = ?1");
-            current = version.Bind(1, agreement).Row() ? int(version.Int(0)) : 0;
-            Sql consent(db, "SELECT version FROM launcher_consents WHERE member_id = ?1 AND agreement = ?2");
-            consented = consent.Bind(1, memberId).Bind(2, agreement).Row() ? int(consent.Int(0)) : 0;
+            current = CurrentVersion(db, agreement);
+            consented = ConsentedVersion(db, memberId, agreement);
             return true;
         });
         m_server.SendEnvelope(request, response, 2, consented < current ? kOk : kNotDue,
@@ -666,20 +686,16 @@ private:
     void Consent(const Request& request, Response& response)
     {
         QString memberId;
-        const int tokenStatus = Member(request, memberId);
-        if (tokenStatus != kOk)
-            return m_server.SendEnvelope(request, response, 2, tokenStatus, QJsonValue());
-        const QString agreement = AgreementOf(request.matches[1]);
-        if (agreement.isEmpty())
-            return m_server.SendEnvelope(request, response, 2, kParam, QJsonValue());
+        QString agreement;
+        if (!AgreementRequest(request, response, memberId, agreement))
+            return;
         const int version = m_server.State().WithDatabase([&](sqlite3* db) {
             Sql(db, "INSERT OR REPLACE INTO launcher_consents SELECT ?1, agreement, version FROM launcher_agreements"
                     " WHERE agreement = ?2")
                 .Bind(1, memberId)
                 .Bind(2, agreement)
                 .Done();
-            Sql find(db, "SELECT version FROM launcher_consents WHERE member_id = ?1 AND agreement = ?2");
-            return find.Bind(1, memberId).Bind(2, agreement).Row() ? int(find.Int(0)) : 0;
+            return ConsentedVersion(db, memberId, agreement);
         });
         m_server.SendEnvelope(request, response, 2, kOk,
                               QJsonObject{{QStringLiteral("Agreement"), agreement}, {QStringLiteral("Version"), version}});

@@ -37,15 +37,17 @@ bool ParseInstalled(const QString& text, Service::ProductIDList& list, QString& 
     return true;
 }
 
-// "ID:BUILD" of --request-ap; true when absent.
-bool ParseRequestAp(Context& c, std::pair<std::wstring, std::wstring>& ap, bool& given)
+// "ID:BUILD" of --request-ap; true when absent, false with \a exitCode set when malformed.
+bool ParseRequestAp(Context& c, std::pair<std::wstring, std::wstring>& ap, bool& given, int& exitCode)
 {
     given = c.Has(QStringLiteral("request-ap"));
     if (!given)
         return true;
     const QStringList parts = c.Value(QStringLiteral("request-ap")).split(QLatin1Char(':'));
-    if (parts.size() != 2 || parts.at(0).isEmpty() || parts.at(1).isEmpty())
+    if (parts.size() != 2 || parts.at(0).isEmpty() || parts.at(1).isEmpty()) {
+        exitCode = c.Usage(QStringLiteral("--request-ap takes ID:BUILD"));
         return false;
+    }
     ap = {parts.at(0).toStdWString(), parts.at(1).toStdWString()};
     return true;
 }
@@ -158,10 +160,8 @@ int Products(Context& c)
     }
     std::pair<std::wstring, std::wstring> ap;
     bool withAp = false;
-    if (!ParseRequestAp(c, ap, withAp))
-        return c.Usage(QStringLiteral("--request-ap takes ID:BUILD"));
     int exitCode = kExitOk;
-    if (!SignedIn(c, exitCode))
+    if (!ParseRequestAp(c, ap, withAp, exitCode) || !SignedIn(c, exitCode))
         return exitCode;
     CQMMemberWebService::SetInHouseTest(c.Has(QStringLiteral("in-house")));
 
@@ -222,10 +222,8 @@ int Purchases(Context& c)
         return kExitUsage;
     std::pair<std::wstring, std::wstring> ap;
     bool withAp = false;
-    if (!ParseRequestAp(c, ap, withAp))
-        return c.Usage(QStringLiteral("--request-ap takes ID:BUILD"));
     int exitCode = kExitOk;
-    if (!SignedIn(c, exitCode))
+    if (!ParseRequestAp(c, ap, withAp, exitCode) || !SignedIn(c, exitCode))
         return exitCode;
     std::wstring reply;
     const int result = c.Service().GetPurchaseProductInfo(c.Has(QStringLiteral("full")) ? 1 : 0, 0, 0, reply,
@@ -339,16 +337,27 @@ int EulaText(Context& c)
     return c.Done(result);
 }
 
+// What eula check and consent read first: --timeout, --type and a signed-in member; false with
+// \a exitCode set when one of them fails.
+bool ConsentArgs(Context& c, int& timeoutMs, Service::EContentManagerEulaServiceType& type, int& exitCode)
+{
+    if (!c.Seconds(QStringLiteral("timeout"), 30, timeoutMs)) {
+        exitCode = kExitUsage;
+        return false;
+    }
+    if (!AgreementType(c, {0, 4, 7, 8, 9}, type)) {
+        exitCode = c.Usage(QStringLiteral("--type takes 0, 4, 7, 8 or 9"));
+        return false;
+    }
+    return SignedIn(c, exitCode);
+}
+
 int EulaCheck(Context& c)
 {
     int timeoutMs = 0;
-    if (!c.Seconds(QStringLiteral("timeout"), 30, timeoutMs))
-        return kExitUsage;
     Service::EContentManagerEulaServiceType type;
-    if (!AgreementType(c, {0, 4, 7, 8, 9}, type))
-        return c.Usage(QStringLiteral("--type takes 0, 4, 7, 8 or 9"));
     int exitCode = kExitOk;
-    if (!SignedIn(c, exitCode))
+    if (!ConsentArgs(c, timeoutMs, type, exitCode))
         return exitCode;
     c.Out().Field(QStringLiteral("consent_needed"), c.Service().CheckIfNeedToShowEula(type, timeoutMs));
     return c.Ok();
@@ -357,13 +366,9 @@ int EulaCheck(Context& c)
 int EulaConsent(Context& c)
 {
     int timeoutMs = 0;
-    if (!c.Seconds(QStringLiteral("timeout"), 30, timeoutMs))
-        return kExitUsage;
     Service::EContentManagerEulaServiceType type;
-    if (!AgreementType(c, {0, 4, 7, 8, 9}, type))
-        return c.Usage(QStringLiteral("--type takes 0, 4, 7, 8 or 9"));
     int exitCode = kExitOk;
-    if (!SignedIn(c, exitCode))
+    if (!ConsentArgs(c, timeoutMs, type, exitCode))
         return exitCode;
     c.Service().SetUserEulaConsent(type, timeoutMs);
     // The consent reports nothing: the check tells whether it was recorded.
