@@ -21,7 +21,7 @@
 #include <thread>
 #include <unordered_map>
 
-Q_LOGGING_CATEGORY(lcNet, "qm.network")
+Q_LOGGING_CATEGORY(lcNet, "qm.network", QtWarningMsg)
 
 namespace QMNet {
 

@@ -302,9 +302,8 @@ int main(int argc, char** argv)
                                      .arg(parser.positionalArguments().value(command->maxArgs)));
     }
     if (code == Cli::kExitOk) {
-        // The library's log is for developers; --verbose shows it.
-        if (!verbose)
-            QLoggingCategory::setFilterRules(QStringLiteral("qm.*=false"));
+        // The library's log is for developers; --verbose shows it, debug lines included.
+        QLoggingCategory::setFilterRules(verbose ? QStringLiteral("qm.*.debug=true") : QStringLiteral("qm.*=false"));
         throwaway = AvoidCreatingStore(command->store);
         if (command->store != Cli::StoreUse::None) {
             static QMRegistryTool::CQMRegistryAgent agent;
