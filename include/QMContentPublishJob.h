@@ -133,6 +133,8 @@ private:
     QString m_contentId;
     QString m_sha256;
     QString m_uploadId;
+    QString m_staleKey;      // an upload a journal names that this job does not go on with
+    QString m_staleUploadId;
     std::string m_storageUrl;
     std::string m_accessKey;
     std::string m_secretKey;

@@ -194,7 +194,11 @@ bool CQMContentPublishJob::ReadJournal()
     if (!file.open(QIODevice::ReadOnly) || file.size() > 1024 * 1024)
         return false;
     const QJsonObject journal = QJsonDocument::fromJson(file.readAll()).object();
-    if (journal.value(QStringLiteral("sha256")).toString() != m_sha256
+    // Until this job goes on with it, the journal's upload is one to abort: a new upload
+    // replaces it, and its parts would stay on the storage otherwise.
+    m_staleKey = journal.value(QStringLiteral("key")).toString();
+    m_staleUploadId = journal.value(QStringLiteral("uploadId")).toString();
+    if (!m_options.resume || journal.value(QStringLiteral("sha256")).toString() != m_sha256
         || journal.value(QStringLiteral("size")).toDouble() != double(m_size)
         || journal.value(QStringLiteral("partSize")).toDouble() != double(m_options.partSize)
         || journal.value(QStringLiteral("productId")).toString() != QString::fromStdWString(m_options.productId)
@@ -204,7 +208,11 @@ bool CQMContentPublishJob::ReadJournal()
     m_contentId = journal.value(QStringLiteral("contentId")).toString();
     m_key = journal.value(QStringLiteral("key")).toString();
     m_uploadId = journal.value(QStringLiteral("uploadId")).toString();
-    return !m_packId.isEmpty() && !m_contentId.isEmpty() && !m_key.isEmpty();
+    if (m_packId.isEmpty() || m_contentId.isEmpty() || m_key.isEmpty())
+        return false;
+    m_staleKey.clear();
+    m_staleUploadId.clear();
+    return true;
 }
 
 namespace {
@@ -252,7 +260,7 @@ void CQMContentPublishJob::AfterHash(int code, const QString& text)
     std::fill(secret.begin(), secret.end(), L'\0');
     emit progress(PhaseCredentials, 2, 3, 0, -1);
 
-    if (!(m_options.resume && ReadJournal())) {
+    if (!ReadJournal()) {
         m_uploadId.clear();
         out.clear();
         result = m_service->GetGenerateContentID({{m_options.productId, 1}}, out, m_options.timeoutMs);
@@ -289,6 +297,10 @@ int CQMContentPublishJob::Transfer(QString& text)
     const std::string key = m_key.toStdString();
     const QString journalPath = JournalPath(m_options.filePath);
     bool skewCorrected = false;
+    if (!m_staleKey.isEmpty() && !m_staleUploadId.isEmpty()) {
+        storage.Abort(m_staleKey.toStdString(), m_staleUploadId.toStdString()); // gone already is fine
+        m_staleUploadId.clear();
+    }
 
     // One request with its retries: transport failures and 5xx again after 1, 2, 4 ... s,
     // a clock the storage refuses corrected once.

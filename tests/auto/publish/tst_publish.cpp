@@ -112,11 +112,19 @@ private slots:
         QVERIFY(m_service);
     }
 
+    void resumeInNewProcess_data()
+    {
+        QTest::addColumn<bool>("changed");
+        QTest::newRow("same file") << false;
+        QTest::newRow("file changed meanwhile") << true;
+    }
     // Killed after two parts in another process, resumed here: only the missing parts go, and
-    // the storage holds the file's very bytes.
+    // the storage holds the file's very bytes. A file changed meanwhile starts anew, and the
+    // journal's upload is aborted rather than left open.
     void resumeInNewProcess()
     {
-        const QString path = Pack("resume.pack", 40 * kMiB);
+        QFETCH(bool, changed);
+        const QString path = Pack(changed ? "changed-resume.pack" : "resume.pack", 40 * kMiB);
         ServerProcess cli;
         int parts = 0;
         connect(&cli, &QProcess::readyReadStandardOutput, &cli, [&] {
@@ -131,17 +139,42 @@ private slots:
         QVERIFY(ended.wait(120000 * kSanitizerSlowdown));
         QCOMPARE(parts, 2);
         QVERIFY(QFile::exists(Job::JournalPath(path)));
+        QString staleKey;
+        if (changed) {
+            QFile journal(Job::JournalPath(path));
+            QVERIFY(journal.open(QIODevice::ReadOnly));
+            staleKey = QJsonDocument::fromJson(journal.readAll()).object().value("key").toString();
+            QVERIFY(!staleKey.isEmpty());
+            QFile file(path);
+            QVERIFY(file.open(QIODevice::ReadWrite));
+            QVERIFY(file.seek(kMiB));
+            QByteArray bytes = file.peek(16);
+            for (char& byte : bytes)
+                byte = char(~byte);
+            file.write(bytes);
+        }
 
         Job::Options options = Options(path);
         options.resume = true;
         Job job(m_service.get(), options);
         QCOMPARE(Run(job), int(Job::Published));
-        QVERIFY2(job.PartsFound() >= 2, qPrintable(QString::number(job.PartsFound())));
-        QCOMPARE(job.PartsSent(), 5 - job.PartsFound());
+        if (changed) {
+            QCOMPARE(job.PartsFound(), 0);
+            QCOMPARE(job.PartsSent(), 5);
+        } else {
+            QVERIFY2(job.PartsFound() >= 2, qPrintable(QString::number(job.PartsFound())));
+            QCOMPARE(job.PartsSent(), 5 - job.PartsFound());
+        }
         QVERIFY(!QFile::exists(Job::JournalPath(path)));
 
         std::atomic<bool> stop{false};
         std::atomic<long long> sent{0};
+        if (changed) {
+            std::vector<std::string> open;
+            const QMPublish::S3Reply listing = Storage(stop, sent).ListUploads(staleKey.toStdString(), open);
+            QCOMPARE(listing.status, 200L);
+            QVERIFY2(open.empty(), listing.body.c_str());
+        }
         const QMPublish::S3Reply object = Storage(stop, sent).Get(job.ObjectKey().toStdString(), 64 * kMiB);
         QCOMPARE(object.status, 200L);
         QFile file(path);
