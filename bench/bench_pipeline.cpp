@@ -2,7 +2,7 @@
 // synchronous keep-alive GETs (median, p99), a new connection in a warm process,
 // the first call of a fresh process, and asynchronous throughput at 1, 10 and 100
 // requests in flight against a bare curl multi loop with the same connection cap.
-// Usage: bench_pipeline [--calls N] [--rounds N] [--async-only] [--json]   (QM_API_HOST and QM_CA_FILE name the server)
+// Usage: bench_pipeline [--calls N] [--rounds N] [--async-only [--in-flight 1|10|100]] [--json]   (QM_API_HOST and QM_CA_FILE name the server)
 #include "QMMemberWebService.h"
 
 #include "qmnetwork/CurlEngine.h"
@@ -23,6 +23,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <ctime>
 #include <vector>
 
 namespace {
@@ -37,6 +38,14 @@ long RssKiB()
             return line.mid(6).trimmed().split(' ').first().toLong();
     }
     return -1;
+}
+
+// CPU time of this process (all threads), in microseconds.
+double CpuMicros()
+{
+    timespec now{};
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
+    return now.tv_sec * 1e6 + now.tv_nsec / 1e3;
 }
 
 struct Stats {
@@ -56,9 +65,9 @@ Stats Summarize(std::vector<double> values)
     return s;
 }
 
-size_t Discard(char*, size_t size, size_t count, void* body)
+size_t Discard(char* data, size_t size, size_t count, void* body)
 {
-    static_cast<std::string*>(body)->append(size * count, ' ');
+    static_cast<std::string*>(body)->append(data, size * count); // kept, to be checked
     return size * count;
 }
 
@@ -104,6 +113,7 @@ public:
         m_body.clear();
         return curl_easy_perform(m_easy) == CURLE_OK;
     }
+    const std::string& Body() const { return m_body; }
 
 private:
     CURL* m_easy;
@@ -111,73 +121,103 @@ private:
     std::string m_body;
 };
 
-// `total` GETs with `inFlight` outstanding on a bare multi handle; requests per second.
-double CurlMulti(const std::string& url, const std::string& ca, int inFlight, int total)
+// `total` GETs with `inFlight` outstanding on a bare multi handle. The multi handle and its
+// easy handles live across rounds, so that its connections are kept as ours are.
+class BareMulti
 {
-    CURLM* multi = curl_multi_init();
-    curl_multi_setopt(multi, CURLMOPT_MAX_HOST_CONNECTIONS, 8L);
-    curl_multi_setopt(multi, CURLMOPT_MAXCONNECTS, 16L);
-    curl_slist* headers = Headers();
-    std::vector<CURL*> handles;
-    std::vector<std::string> bodies(static_cast<size_t>(inFlight), std::string());
-    QElapsedTimer clock;
-    clock.start();
-    int started = 0;
-    int done = 0;
-    for (int i = 0; i < inFlight && started < total; ++i, ++started) {
-        CURL* easy = curl_easy_init();
-        curl_easy_setopt(easy, CURLOPT_URL, url.c_str());
-        curl_easy_setopt(easy, CURLOPT_CAINFO, ca.c_str());
-        curl_easy_setopt(easy, CURLOPT_CAPATH, nullptr);
-        curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &Discard);
-        curl_easy_setopt(easy, CURLOPT_WRITEDATA, &bodies[size_t(i)]);
-        curl_easy_setopt(easy, CURLOPT_TCP_NODELAY, 1L);
-        curl_easy_setopt(easy, CURLOPT_HTTPHEADER, headers);
-        handles.push_back(easy);
-        curl_multi_add_handle(multi, easy);
-    }
-    while (done < total) {
-        int running = 0;
-        curl_multi_perform(multi, &running);
-        int queued = 0;
-        bool added = false;
-        while (CURLMsg* message = curl_multi_info_read(multi, &queued)) {
-            if (message->msg != CURLMSG_DONE)
-                continue;
-            ++done;
-            CURL* easy = message->easy_handle;
-            curl_multi_remove_handle(multi, easy);
-            if (started < total) {
-                ++started;
-                curl_multi_add_handle(multi, easy);
-                added = true;
-            }
+public:
+    BareMulti(const std::string& url, const std::string& ca, int inFlight)
+        : m_multi(curl_multi_init())
+        , m_headers(Headers())
+        , m_bodies(static_cast<size_t>(inFlight))
+    {
+        curl_multi_setopt(m_multi, CURLMOPT_MAX_HOST_CONNECTIONS, 8L);
+        curl_multi_setopt(m_multi, CURLMOPT_MAXCONNECTS, 16L);
+        for (int i = 0; i < inFlight; ++i) {
+            CURL* easy = curl_easy_init();
+            curl_easy_setopt(easy, CURLOPT_URL, url.c_str());
+            curl_easy_setopt(easy, CURLOPT_CAINFO, ca.c_str());
+            curl_easy_setopt(easy, CURLOPT_CAPATH, nullptr);
+            curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &Discard);
+            curl_easy_setopt(easy, CURLOPT_WRITEDATA, &m_bodies[size_t(i)]);
+            curl_easy_setopt(easy, CURLOPT_PRIVATE, &m_bodies[size_t(i)]);
+            curl_easy_setopt(easy, CURLOPT_TCP_NODELAY, 1L);
+            curl_easy_setopt(easy, CURLOPT_HTTPHEADER, m_headers);
+            m_handles.push_back(easy);
         }
-        // A handle just added is started by the next perform; waiting first could stall it.
-        if (done < total && !added)
-            curl_multi_poll(multi, nullptr, 0, 1000, nullptr);
     }
-    const double seconds = clock.nsecsElapsed() / 1e9;
-    for (CURL* easy : handles)
-        curl_easy_cleanup(easy);
-    curl_multi_cleanup(multi);
-    curl_slist_free_all(headers);
-    return total / seconds;
-}
+    ~BareMulti()
+    {
+        for (CURL* easy : m_handles)
+            curl_easy_cleanup(easy);
+        curl_multi_cleanup(m_multi);
+        curl_slist_free_all(m_headers);
+    }
+    // Requests per second, or 0 when a reply was not the server's pong.
+    double Run(int total, const std::string& expected)
+    {
+        QElapsedTimer clock;
+        clock.start();
+        int started = 0;
+        int done = 0;
+        bool good = true;
+        for (size_t i = 0; i < m_handles.size() && started < total; ++i, ++started) {
+            m_bodies[i].clear();
+            curl_multi_add_handle(m_multi, m_handles[i]);
+        }
+        while (done < total) {
+            int running = 0;
+            curl_multi_perform(m_multi, &running);
+            int queued = 0;
+            bool added = false;
+            while (CURLMsg* message = curl_multi_info_read(m_multi, &queued)) {
+                if (message->msg != CURLMSG_DONE)
+                    continue;
+                ++done;
+                CURL* easy = message->easy_handle;
+                std::string* body = nullptr;
+                curl_easy_getinfo(easy, CURLINFO_PRIVATE, &body);
+                good = good && message->data.result == CURLE_OK && *body == expected;
+                curl_multi_remove_handle(m_multi, easy);
+                if (started < total) {
+                    ++started;
+                    body->clear();
+                    curl_multi_add_handle(m_multi, easy);
+                    added = true;
+                }
+            }
+            // A handle just added is started by the next perform; waiting first could stall it.
+            if (done < total && !added)
+                curl_multi_poll(m_multi, nullptr, 0, 1000, nullptr);
+        }
+        const double seconds = clock.nsecsElapsed() / 1e9;
+        return good ? total / seconds : 0;
+    }
+
+private:
+    CURLM* m_multi;
+    curl_slist* m_headers;
+    std::vector<std::string> m_bodies;
+    std::vector<CURL*> m_handles;
+};
 
 // The same through DoApiRequest, asynchronous, as a host makes it.
-double OursAsync(CQMMemberWebService& service, int inFlight, int total)
+// Requests per second, or 0 when a result was not the server's pong.
+double OursAsync(CQMMemberWebService& service, int inFlight, int total, const std::wstring& expected)
 {
     QEventLoop loop;
     int started = 0;
     int done = 0;
+    bool good = true;
     auto issue = [&] {
         ++started;
         service.DoApiRequest(L"/qmtest/ping", std::string(), 10000, false, false,
                              CQMMemberWebService::GenerateApiRequestID(), std::wstring());
     };
-    const QMetaObject::Connection connection
-        = QObject::connect(&service, &CQMMemberWebService::FinishApiRequest, &loop, [&] {
+    const QMetaObject::Connection connection = QObject::connect(
+        &service, &CQMMemberWebService::FinishApiRequest, &loop,
+        [&](const std::wstring& text, bool busy, const QString& id) {
+              good = good && text == expected && !busy && id.size() == 36;
               if (++done == total)
                   loop.quit();
               else if (started < total)
@@ -191,7 +231,7 @@ double OursAsync(CQMMemberWebService& service, int inFlight, int total)
     const double seconds = clock.nsecsElapsed() / 1e9;
     QObject::disconnect(connection);
     QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
-    return total / seconds;
+    return good ? total / seconds : 0;
 }
 
 // A child process: the time of its first request, in microseconds.
@@ -337,16 +377,39 @@ int main(int argc, char** argv)
     // Asynchronous throughput, requests per second.
     struct AsyncRow {
         int inFlight;
-        std::vector<double> ours, curl;
+        std::vector<double> ours, curl, oursCpu, curlCpu; // requests per second; CPU us per request
     };
-    std::vector<AsyncRow> asyncRows{{1, {}, {}}, {10, {}, {}}, {100, {}, {}}};
+    std::vector<AsyncRow> asyncRows{{1, {}, {}, {}, {}}, {10, {}, {}, {}, {}}, {100, {}, {}, {}, {}}};
+    if (args.contains(QStringLiteral("--in-flight"))) {
+        const int only = args.value(args.indexOf(QStringLiteral("--in-flight")) + 1).toInt();
+        asyncRows.erase(std::remove_if(asyncRows.begin(), asyncRows.end(),
+                                       [only](const AsyncRow& row) { return row.inFlight != only; }),
+                        asyncRows.end());
+    }
     const int asyncTotal = 1000;
+    // What each side must get back: the reply's data for ours, the whole reply for curl.
+    std::wstring expectedOurs;
+    service.GeneralSyncGetApiRequest(L"/qmtest/ping", false, expectedOurs, 10000);
+    curl.Get();
+    const std::string expectedCurl = curl.Body();
     for (AsyncRow& row : asyncRows) {
-        OursAsync(service, row.inFlight, 100);
-        CurlMulti(url, ca.toStdString(), row.inFlight, 100);
-        for (int r = 0; r < rounds; ++r) {
-            row.ours.push_back(OursAsync(service, row.inFlight, asyncTotal));
-            row.curl.push_back(CurlMulti(url, ca.toStdString(), row.inFlight, asyncTotal));
+        // Both sides keep their connections from the warm-up round on.
+        BareMulti bare(url, ca.toStdString(), row.inFlight);
+        const bool warm = OursAsync(service, row.inFlight, 100, expectedOurs) > 0 && bare.Run(100, expectedCurl) > 0;
+        for (int r = 0; warm && r < rounds; ++r) {
+            double cpu = CpuMicros();
+            row.ours.push_back(OursAsync(service, row.inFlight, asyncTotal, expectedOurs));
+            row.oursCpu.push_back((CpuMicros() - cpu) / asyncTotal);
+            cpu = CpuMicros();
+            row.curl.push_back(bare.Run(asyncTotal, expectedCurl));
+            row.curlCpu.push_back((CpuMicros() - cpu) / asyncTotal);
+            if (row.ours.back() <= 0 || row.curl.back() <= 0)
+                break;
+        }
+        if (!warm || row.ours.back() <= 0 || row.curl.back() <= 0) {
+            std::fprintf(stderr, "bench_pipeline: an asynchronous reply at %d in flight was not the server's pong\n",
+                         row.inFlight);
+            return 1;
         }
     }
 
@@ -359,6 +422,8 @@ int main(int argc, char** argv)
             async.append(QJsonObject{{"in_flight", row.inFlight},
                                      {"ours_per_s", Json(Summarize(row.ours))},
                                      {"curl_per_s", Json(Summarize(row.curl))},
+                                     {"ours_cpu_us", Json(Summarize(row.oursCpu))},
+                                     {"curl_cpu_us", Json(Summarize(row.curlCpu))},
                                      {"ratio", qRound(Summarize(row.ours).median / Summarize(row.curl).median * 100) / 100.0}});
         const QJsonObject report{{"calls", calls},
                                  {"get_us", Json(get)},
@@ -385,12 +450,15 @@ int main(int argc, char** argv)
     for (const AsyncRow& row : asyncRows) {
         const QByteArray name = QStringLiteral("async, %1 in flight (/s)").arg(row.inFlight).toLatin1();
         std::printf("%s\n", qPrintable(Row(name.constData(), Summarize(row.ours), Summarize(row.curl), "  ", true)));
+        std::printf("%s\n", qPrintable(Row("  client CPU (us/request)", Summarize(row.oursCpu), Summarize(row.curlCpu),
+                                            "us", false)));
     }
     std::printf("\nsync: %d calls a side; new connection: %zu a side; first call: %zu processes a side; async: %d "
                 "rounds of %d requests\n",
                 calls, oursNew.size(), oursFirst.size(), rounds, asyncTotal);
     std::printf("bare curl: new connection on one handle trusting the same set (system + server CA, CA cache); "
-                "first call trusting only the server's CA; async on a multi handle with the same cap (8 a host)\n");
+                "first call trusting only the server's CA; async on a multi handle with the same cap (8 a host), "
+                "its connections kept across rounds as ours are; every reply checked\n");
     std::printf("RSS after 1000 calls %ld KiB, after all %ld KiB (growth %ld KiB)\n", rssAfter1000, rssAfterAll,
                 rssAfterAll - rssAfter1000);
     return 0;

@@ -2,8 +2,14 @@
 
 #include "HttpRequest.h"
 
+#include <QAbstractEventDispatcher>
+#include <QCoreApplication>
+#include <QEvent>
 #include <QLoggingCategory>
 #include <QMetaObject>
+#include <QSocketNotifier>
+#include <QThread>
+#include <QTimer>
 
 #include <openssl/err.h>
 #include <openssl/pem.h>
@@ -11,6 +17,7 @@
 #include <openssl/x509.h>
 
 #include <array>
+#include <chrono>
 #include <climits>
 #include <condition_variable>
 #include <cstdio>
@@ -558,6 +565,355 @@ Outcome Engine::Perform(const Exchange& exchange)
     return outcome;
 }
 
+// --- exchanges run by the owner's own event loop -------------------------------------
+
+class LoopDriver;
+
+/// Lets another thread reach a driver while it lives; the driver clears it as it dies.
+struct DriverLink {
+    std::mutex mutex;
+    LoopDriver* driver = nullptr;
+};
+
+/// The asynchronous exchanges of one thread that runs a Qt event loop, on a multi handle
+/// of that thread driven by socket notifiers and a timer, and delivered from there: an
+/// exchange never waits for another thread to be scheduled. One per thread, deleted as
+/// the thread ends (or, in the application's thread, as the application object goes).
+class LoopDriver : public QObject
+{
+public:
+    static LoopDriver* ForThisThread(Engine& engine);
+
+    void Start(std::shared_ptr<AsyncJob> job);
+    void Cancel(const std::shared_ptr<AsyncJob>& job);
+
+    ~LoopDriver() override;
+
+private:
+    class Watch;
+
+    LoopDriver(Engine& engine);
+    void Begin(std::shared_ptr<AsyncJob> job);
+    void Release(Handle* handle);
+    void NewMultiFor(uint64_t generation);
+    void Act(curl_socket_t socket, int mask);
+    static int OnSocket(CURL*, curl_socket_t socket, int what, void* user, void*);
+    static int OnTimer(CURLM*, long timeoutMs, void* user);
+    void Arm(long timeoutMs);
+    static int64_t NowMs()
+    {
+        return std::chrono::duration_cast<std::chrono::milliseconds>(
+                   std::chrono::steady_clock::now().time_since_epoch())
+            .count();
+    }
+    static void DropAppThreadDriver();
+
+    Engine& m_engine;
+    std::shared_ptr<DriverLink> m_link = std::make_shared<DriverLink>();
+    QAbstractEventDispatcher* m_dispatcher;
+    CURLM* m_multi = nullptr;
+    uint64_t m_generation = 0;
+    QTimer m_timer;
+    int64_t m_armedFor = 0; // when the running timer fires (steady clock, ms)
+    int m_depth = 0; // calls of Act under way (a slot may run a nested event loop)
+    std::unordered_map<curl_socket_t, std::pair<Watch*, Watch*>> m_watches; // read, write
+    std::unordered_map<CURL*, Handle*> m_running;
+    std::vector<Handle*> m_pool;
+    std::deque<std::shared_ptr<AsyncJob>> m_waiting; // for the old trust set's transfers to end
+};
+
+namespace {
+thread_local LoopDriver* t_driver = nullptr;
+}
+
+
+/// One direction of one socket. Reacts to the event itself: the activated signal has
+/// another signature in each Qt major version.
+class LoopDriver::Watch : public QSocketNotifier
+{
+public:
+    Watch(curl_socket_t socket, Type type, LoopDriver* driver)
+        : QSocketNotifier(socket, type, driver)
+        , m_socket(socket)
+        , m_mask(type == Read ? CURL_CSELECT_IN : CURL_CSELECT_OUT)
+        , m_driver(driver)
+    {
+    }
+
+protected:
+    bool event(QEvent* event) override
+    {
+        if (event->type() != QEvent::SockAct && event->type() != QEvent::SockClose)
+            return QSocketNotifier::event(event);
+        m_driver->Act(m_socket, m_mask);
+        return true;
+    }
+
+private:
+    curl_socket_t m_socket;
+    int m_mask;
+    LoopDriver* m_driver;
+};
+
+LoopDriver::LoopDriver(Engine& engine)
+    : m_engine(engine)
+    , m_dispatcher(QAbstractEventDispatcher::instance())
+{
+    m_link->driver = this;
+    m_timer.setSingleShot(true);
+    m_timer.setTimerType(Qt::PreciseTimer);
+    QObject::connect(&m_timer, &QTimer::timeout, this, [this] { Act(CURL_SOCKET_TIMEOUT, 0); });
+}
+
+LoopDriver* LoopDriver::ForThisThread(Engine& engine)
+{
+    QAbstractEventDispatcher* dispatcher = QAbstractEventDispatcher::instance();
+    if (!dispatcher)
+        return nullptr;
+    if (t_driver && t_driver->m_dispatcher != dispatcher) {
+        delete t_driver; // made under an application object that is gone
+        t_driver = nullptr;
+    }
+    if (t_driver)
+        return t_driver;
+    auto* driver = new LoopDriver(engine);
+    QThread* thread = QThread::currentThread();
+    if (QCoreApplication::instance() && QCoreApplication::instance()->thread() == thread) {
+        // Before the application's event dispatcher goes.
+        qAddPostRoutine(&LoopDriver::DropAppThreadDriver);
+    } else {
+        QObject::connect(
+            thread, &QThread::finished, driver,
+            [driver] {
+                t_driver = nullptr;
+                delete driver;
+            },
+            Qt::DirectConnection);
+    }
+    t_driver = driver;
+    return driver;
+}
+
+void LoopDriver::DropAppThreadDriver()
+{
+    delete t_driver;
+    t_driver = nullptr;
+}
+
+LoopDriver::~LoopDriver()
+{
+    {
+        std::lock_guard<std::mutex> lock(m_link->mutex);
+        m_link->driver = nullptr;
+    }
+    // What is still running ends with its thread; nobody is left to hear of it.
+    for (auto& [easy, handle] : m_running) {
+        curl_multi_remove_handle(m_multi, easy);
+        handle->job->easy = nullptr;
+        handle->job.reset();
+        Engine::FreeHandle(handle);
+    }
+    for (Handle* handle : m_pool)
+        Engine::FreeHandle(handle);
+    if (m_multi) {
+        curl_multi_setopt(m_multi, CURLMOPT_SOCKETFUNCTION, nullptr);
+        curl_multi_setopt(m_multi, CURLMOPT_TIMERFUNCTION, nullptr);
+        curl_multi_cleanup(m_multi);
+    }
+    // The watches are children of this object and go with it.
+}
+
+void LoopDriver::NewMultiFor(uint64_t generation)
+{
+    if (m_multi) {
+        // A new trust set: the idle connections made under the old one close here.
+        for (auto& [socket, watches] : m_watches) {
+            for (Watch* watch : {watches.first, watches.second}) {
+                if (watch) {
+                    watch->setEnabled(false);
+                    watch->deleteLater();
+                }
+            }
+        }
+        m_watches.clear();
+        curl_multi_setopt(m_multi, CURLMOPT_SOCKETFUNCTION, nullptr);
+        curl_multi_setopt(m_multi, CURLMOPT_TIMERFUNCTION, nullptr);
+        curl_multi_cleanup(m_multi);
+    }
+    m_multi = NewMulti();
+    m_generation = generation;
+    curl_multi_setopt(m_multi, CURLMOPT_SOCKETFUNCTION, &LoopDriver::OnSocket);
+    curl_multi_setopt(m_multi, CURLMOPT_SOCKETDATA, this);
+    curl_multi_setopt(m_multi, CURLMOPT_TIMERFUNCTION, &LoopDriver::OnTimer);
+    curl_multi_setopt(m_multi, CURLMOPT_TIMERDATA, this);
+}
+
+void LoopDriver::Start(std::shared_ptr<AsyncJob> job)
+{
+    job->driver = m_link;
+    if (!m_waiting.empty())
+        m_waiting.push_back(std::move(job)); // in order, behind those already waiting
+    else
+        Begin(std::move(job));
+}
+
+void LoopDriver::Begin(std::shared_ptr<AsyncJob> job)
+{
+    const std::shared_ptr<Trust> trust = m_engine.CurrentTrust();
+    if (!m_multi || trust->generation != m_generation) {
+        if (!m_running.empty()) {
+            m_waiting.push_back(std::move(job));
+            return;
+        }
+        NewMultiFor(trust->generation);
+    }
+    Handle* handle = nullptr;
+    if (!m_pool.empty()) {
+        handle = m_pool.back();
+        m_pool.pop_back();
+        if (handle->trust != trust) {
+            curl_easy_setopt(handle->easy, CURLOPT_SHARE, trust->share);
+            handle->trust = trust;
+        }
+    } else {
+        handle = m_engine.NewHandle(trust);
+    }
+    if (!handle) {
+        job->outcome.netError = InternalError;
+        job->Deliver(); // queued: never inside the call that started it
+        return;
+    }
+    m_engine.Configure(*handle, job->exchange, job->outcome);
+    handle->job = job;
+    job->easy = handle->easy;
+    m_running[handle->easy] = handle;
+    // Starts it through the timer callback, on this loop's next pass or at once from Act.
+    curl_multi_add_handle(m_multi, handle->easy);
+}
+
+void LoopDriver::Release(Handle* handle)
+{
+    curl_multi_remove_handle(m_multi, handle->easy);
+    m_running.erase(handle->easy);
+    handle->job.reset();
+    handle->body = nullptr;
+    handle->headers = nullptr;
+    m_pool.push_back(handle);
+}
+
+void LoopDriver::Cancel(const std::shared_ptr<AsyncJob>& job)
+{
+    if (job->easy) {
+        auto found = m_running.find(job->easy);
+        if (found != m_running.end() && found->second->job == job)
+            Release(found->second);
+    }
+    job->easy = nullptr;
+    m_waiting.erase(std::remove(m_waiting.begin(), m_waiting.end(), job), m_waiting.end());
+}
+
+int LoopDriver::OnSocket(CURL*, curl_socket_t socket, int what, void* user, void*)
+{
+    auto* self = static_cast<LoopDriver*>(user);
+    if (what == CURL_POLL_REMOVE) {
+        auto found = self->m_watches.find(socket);
+        if (found != self->m_watches.end()) {
+            // Possibly inside this watch's own event: deleted when that is over.
+            for (Watch* watch : {found->second.first, found->second.second}) {
+                if (watch) {
+                    watch->setEnabled(false);
+                    watch->deleteLater();
+                }
+            }
+            self->m_watches.erase(found);
+        }
+        return 0;
+    }
+    auto& [read, write] = self->m_watches[socket];
+    const bool wantRead = what & CURL_POLL_IN;
+    const bool wantWrite = what & CURL_POLL_OUT;
+    if (wantRead && !read)
+        read = new Watch(socket, QSocketNotifier::Read, self);
+    if (wantWrite && !write)
+        write = new Watch(socket, QSocketNotifier::Write, self);
+    if (read)
+        read->setEnabled(wantRead);
+    if (write)
+        write->setEnabled(wantWrite);
+    return 0;
+}
+
+int LoopDriver::OnTimer(CURLM*, long timeoutMs, void* user)
+{
+    auto* self = static_cast<LoopDriver*>(user);
+    if (self->m_depth == 0)
+        self->Arm(timeoutMs); // inside Act the timer is set as Act ends
+    return 0;
+}
+
+void LoopDriver::Arm(long timeoutMs)
+{
+    if (timeoutMs < 0) {
+        m_timer.stop();
+        return;
+    }
+    const int64_t deadline = NowMs() + timeoutMs;
+    // A timer that fires no later is kept: Act sets the next one from curl's own figure.
+    if (m_timer.isActive() && m_armedFor <= deadline)
+        return;
+    m_armedFor = deadline;
+    m_timer.start(static_cast<int>(std::min<long>(timeoutMs, INT_MAX)));
+}
+
+void LoopDriver::Act(curl_socket_t socket, int mask)
+{
+    ++m_depth;
+    int stillRunning = 0;
+    curl_multi_socket_action(m_multi, socket, mask, &stillRunning);
+    long timeoutMs = -1;
+    for (int round = 0;; ++round) {
+        std::vector<std::shared_ptr<AsyncJob>> done;
+        int queued = 0;
+        while (CURLMsg* message = curl_multi_info_read(m_multi, &queued)) {
+            if (message->msg != CURLMSG_DONE)
+                continue;
+            auto found = m_running.find(message->easy_handle);
+            if (found == m_running.end())
+                continue;
+            Handle* handle = found->second;
+            std::shared_ptr<AsyncJob> job = handle->job;
+            const CURLcode code = message->data.result;
+            Finish(*handle, code, job->outcome);
+            if (code != CURLE_OK) {
+                job->outcome.netError = Engine::MapError(code, *handle);
+                job->outcome.errorText = Engine::ErrorText(code, *handle);
+                qCDebug(lcNet) << "QMNet::Engine async" << curl_easy_strerror(code) << handle->errors;
+            }
+            job->easy = nullptr;
+            Release(handle);
+            done.push_back(std::move(job));
+        }
+        if (m_running.empty() && !m_waiting.empty()) {
+            std::deque<std::shared_ptr<AsyncJob>> waiting;
+            waiting.swap(m_waiting);
+            for (auto& job : waiting)
+                Begin(std::move(job));
+        }
+        // The host's slots run from here and may start, cancel or delete requests.
+        for (auto& job : done)
+            job->Deliver(true);
+        // What is due now (an exchange just started, or one that got a connection) goes on
+        // at once, not a loop pass later; a few rounds, then the timer carries on.
+        timeoutMs = -1;
+        curl_multi_timeout(m_multi, &timeoutMs);
+        if (timeoutMs != 0 || round == 8)
+            break;
+        curl_multi_socket_action(m_multi, CURL_SOCKET_TIMEOUT, 0, &stillRunning);
+    }
+    --m_depth;
+    Arm(timeoutMs);
+}
+
 void Engine::Submit(std::shared_ptr<AsyncJob> job)
 {
     if (!HeadersAreClean(job->exchange.headers)) {
@@ -567,6 +923,14 @@ void Engine::Submit(std::shared_ptr<AsyncJob> job)
         job->Deliver();
         return;
     }
+    // An owner in this thread, which has an event loop, gets the exchange run by that loop
+    // (from when it next runs): no hand-off to the worker and back.
+    if (job->target && job->target->thread() == QThread::currentThread()) {
+        if (LoopDriver* driver = LoopDriver::ForThisThread(*this)) {
+            driver->Start(std::move(job));
+            return;
+        }
+    }
     std::lock_guard<std::mutex> lock(d->queueMutex);
     d->pending.push_back(std::move(job));
     curl_multi_wakeup(d->multi);
@@ -574,6 +938,18 @@ void Engine::Submit(std::shared_ptr<AsyncJob> job)
 
 void Engine::Cancel(const std::shared_ptr<AsyncJob>& job)
 {
+    if (const std::shared_ptr<DriverLink> link = job->driver) {
+        std::lock_guard<std::mutex> lock(link->mutex);
+        LoopDriver* driver = link->driver;
+        if (!driver)
+            return; // its thread has ended, and the exchange with it
+        if (driver->thread() == QThread::currentThread())
+            driver->Cancel(job);
+        else // the link's lock keeps the driver alive while the call is posted
+            QMetaObject::invokeMethod(
+                driver, [driver, job] { driver->Cancel(job); }, Qt::QueuedConnection);
+        return;
+    }
     std::lock_guard<std::mutex> lock(d->queueMutex);
     d->cancelled.push_back(job);
     curl_multi_wakeup(d->multi);
@@ -682,16 +1058,22 @@ void Engine::RunAsyncLoop()
     }
 }
 
-void AsyncJob::Deliver()
+void AsyncJob::Deliver(bool here)
 {
-    std::lock_guard<std::mutex> lock(mutex);
+    std::unique_lock<std::mutex> lock(mutex);
     if (!target)
         return;
-    // Queued to the owner's thread; Qt drops the call if the owner dies before it runs.
     CHttpRequest* owner = target;
+    if (here && owner->thread() == QThread::currentThread()) {
+        // Only this thread deletes the owner, and not while this call runs.
+        lock.unlock();
+        owner->DeliverAsync(std::move(outcome));
+        return;
+    }
+    // Queued to the owner's thread; Qt drops the call if the owner dies before it runs.
     auto result = std::make_shared<Outcome>(std::move(outcome));
     QMetaObject::invokeMethod(
-        owner, [owner, result]() { owner->DeliverAsync(*result); }, Qt::QueuedConnection);
+        owner, [owner, result]() { owner->DeliverAsync(std::move(*result)); }, Qt::QueuedConnection);
 }
 
 } // namespace QMNet

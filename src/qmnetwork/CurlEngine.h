@@ -41,6 +41,8 @@ struct Outcome {
     std::string headers;
 };
 
+struct DriverLink;
+
 /// An asynchronous exchange in flight. The owner clears \c target under
 /// \c mutex before it dies, so the worker never posts to a dead object.
 struct AsyncJob {
@@ -49,7 +51,11 @@ struct AsyncJob {
     std::mutex mutex;
     CHttpRequest* target = nullptr;
     CURL* easy = nullptr;
-    void Deliver();
+    /// Set when the owner's own event loop runs the exchange (see LoopDriver).
+    std::shared_ptr<DriverLink> driver;
+    /// Hands the outcome to the owner in its thread: at once when \p here is set and
+    /// the caller is in that thread, otherwise as a queued call.
+    void Deliver(bool here = false);
 };
 
 /// Used for a time limit of 0 or below.
@@ -93,6 +99,8 @@ private:
     static unsigned int MapError(CURLcode code, const Handle& handle);
     static std::string ErrorText(CURLcode code, const Handle& handle);
     void RunAsyncLoop();
+
+    friend class LoopDriver;
 
     std::atomic<int64_t> m_maxReply{kDefaultMaxReplyBytes};
 

@@ -200,14 +200,16 @@ void CHttpRequest::ApplyOutcome(QMNet::Outcome&& outcome)
     QMNet::RecordThreadError(outcome);
 }
 
-void CHttpRequest::DeliverAsync(const QMNet::Outcome& outcome)
+void CHttpRequest::DeliverAsync(QMNet::Outcome&& outcome)
 {
     m_pJob.reset();
-    ApplyOutcome(QMNet::Outcome(outcome));
-    if (outcome.completed)
+    const bool completed = outcome.completed;
+    const unsigned int error = outcome.netError;
+    ApplyOutcome(std::move(outcome));
+    if (completed)
         emit FinishedAsync(GetReturnData());
     else
-        emit ErrorAsync(outcome.netError);
+        emit ErrorAsync(error);
 }
 
 void CHttpRequest::DetachJob()

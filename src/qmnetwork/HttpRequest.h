@@ -101,7 +101,7 @@ private:
                     const std::wstring& contentType, const std::wstring& extraHeaders, unsigned int timeoutMs,
                     bool useProxy, bool followRedirects);
     void ApplyOutcome(QMNet::Outcome&& outcome);
-    void DeliverAsync(const QMNet::Outcome& outcome);
+    void DeliverAsync(QMNet::Outcome&& outcome);
     void DetachJob();
 
     bool m_bSync;
