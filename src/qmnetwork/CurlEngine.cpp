@@ -706,20 +706,22 @@ LoopDriver::~LoopDriver()
         std::lock_guard<std::mutex> lock(m_link->mutex);
         m_link->driver = nullptr;
     }
+    if (m_multi) {
+        curl_multi_setopt(m_multi, CURLMOPT_SOCKETFUNCTION, nullptr);
+        curl_multi_setopt(m_multi, CURLMOPT_TIMERFUNCTION, nullptr);
+    }
     // What is still running ends with its thread; nobody is left to hear of it.
     for (auto& [easy, handle] : m_running) {
         curl_multi_remove_handle(m_multi, easy);
         handle->job->easy = nullptr;
         handle->job.reset();
-        Engine::FreeHandle(handle);
+        m_pool.push_back(handle);
     }
+    // The connections close while the handles still hold their trust set (and its share).
+    if (m_multi)
+        curl_multi_cleanup(m_multi);
     for (Handle* handle : m_pool)
         Engine::FreeHandle(handle);
-    if (m_multi) {
-        curl_multi_setopt(m_multi, CURLMOPT_SOCKETFUNCTION, nullptr);
-        curl_multi_setopt(m_multi, CURLMOPT_TIMERFUNCTION, nullptr);
-        curl_multi_cleanup(m_multi);
-    }
     // The watches are children of this object and go with it.
 }
 

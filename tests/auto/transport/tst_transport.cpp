@@ -193,6 +193,58 @@ private slots:
         QVERIFY(destroyed.wait(2000));
     }
 
+    // An exchange in flight on the loop of a worker thread, ended every way a host can end it.
+    void endingInFlightOnALoop_data()
+    {
+        QTest::addColumn<QString>("how");
+        QTest::newRow("deleted in its thread") << "delete";
+        QTest::newRow("EndSocketThread from another thread") << "end";
+        QTest::newRow("its thread ends") << "quit";
+    }
+    void endingInFlightOnALoop()
+    {
+        QFETCH(QString, how);
+        m_server.Fault({{"path", "/qmtest/echo"}, {"delay_ms", 300}});
+        std::atomic<int> heard{0};
+        auto start = [&](QThread* thread, const wchar_t* path) {
+            auto* request = new CHttpRequest(nullptr, false);
+            request->moveToThread(thread);
+            auto count = [&heard] { ++heard; };
+            connect(request, &CHttpRequest::FinishedAsync, request, count, Qt::DirectConnection);
+            connect(request, &CHttpRequest::ErrorAsync, request, count, Qt::DirectConnection);
+            QMetaObject::invokeMethod(
+                request, [this, request, path] { request->GetAsync(m_host, path, 5000, false, L""); },
+                Qt::BlockingQueuedConnection);
+            return request;
+        };
+        auto worker = std::make_unique<QThread>();
+        worker->start();
+        CHttpRequest* request = start(worker.get(), L"/qmtest/echo");
+        QSignalSpy destroyed(request, &QObject::destroyed);
+        if (how == "delete") {
+            QMetaObject::invokeMethod(request, [request] { delete request; }, Qt::BlockingQueuedConnection);
+        } else if (how == "end") {
+            request->EndSocketThread();
+            QTRY_COMPARE(destroyed.count(), 1);
+        } else {
+            worker->quit();
+            QVERIFY(worker->wait(5000));
+            delete request; // its thread is gone
+            worker = std::make_unique<QThread>();
+            worker->start();
+        }
+        QCOMPARE(destroyed.count(), 1);
+        // The loop's next exchange completes after the ended one would have.
+        std::atomic<int> next{0};
+        CHttpRequest* second = start(worker.get(), L"/qmtest/echo");
+        connect(second, &CHttpRequest::FinishedAsync, second, [&next] { ++next; }, Qt::DirectConnection);
+        QTRY_COMPARE_WITH_TIMEOUT(next.load(), 1, 5000 * kSanitizerSlowdown);
+        QCOMPARE(heard.load(), 1); // the second's own
+        QMetaObject::invokeMethod(second, [second] { delete second; }, Qt::BlockingQueuedConnection);
+        worker->quit();
+        QVERIFY(worker->wait(5000));
+    }
+
     void connectionsAreReused()
     {
         for (int i = 0; i < 1000; ++i) {
