@@ -350,7 +350,8 @@ private slots:
         const auto service = SignedIn(relayed);
         QVERIFY(service);
 
-        // A name of its own: a fresh server allots the same content IDs, hence the same keys, again.
+        // A name of its own: a fresh server allots the same content IDs, hence the same keys, again,
+        // and a storage used before may still hold an upload under a key.
         const QString path = Pack(QStringLiteral("stall-%1.pack").arg(QRandomGenerator::global()->generate(), 0, 16),
                                   11 * kMiB);
         Job::Options options = Options(path);
@@ -433,10 +434,12 @@ private slots:
         date.setProcessEnvironment(environment);
         date.start("date", {"+%s"});
         QVERIFY(date.waitForFinished(10000));
-        const qint64 ahead = date.readAllStandardOutput().trimmed().toLongLong() - QDateTime::currentSecsSinceEpoch();
+        const qint64 ahead =
+            date.readAllStandardOutput().trimmed().toLongLong() - QDateTime::currentSecsSinceEpoch();
         QVERIFY2(ahead > 3500 && ahead < 3700, qPrintable(QString::number(ahead)));
 
-        const QString path = Pack(QStringLiteral("skew-%1.pack").arg(size), size);
+        const QString path =
+            Pack(QStringLiteral("skew-%1.pack").arg(QRandomGenerator::global()->generate(), 0, 16), size);
         const int metadataPosts = m_server.Requests("/ContentManager/v1/Upload/UploadMetaData").size();
         ServerProcess cli;
         cli.setProcessEnvironment(environment);
@@ -462,6 +465,7 @@ private slots:
         QVERIFY2(cli.exitCode() == 1 && last.value("error").toObject().value("cause") == "clock_skew",
                  words.constData());
         QVERIFY(last.value("text").toString().contains("RequestTimeTooSkewed"));
+        QVERIFY(last.value("parts_sent").toInt() >= 1); // the corrected clock was taken until the jump
         QCOMPARE(m_server.Requests("/ContentManager/v1/Upload/UploadMetaData").size(), metadataPosts);
         const QString uploadId = Journal(path).value("uploadId").toString();
         QVERIFY(!uploadId.isEmpty());
