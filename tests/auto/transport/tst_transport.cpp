@@ -173,9 +173,12 @@ private slots:
         QCOMPARE(done, kCount);
         QCOMPARE(int(finished.size()), kCount);
         QCOMPARE(wrongThread, 0);
+        // Deleted in their thread before it is told to quit: a quit may overtake posted calls.
         for (auto& request : requests) {
-            if (request->thread() != thread())
-                QMetaObject::invokeMethod(request.release(), &QObject::deleteLater);
+            if (request->thread() != thread()) {
+                CHttpRequest* raw = request.release();
+                QMetaObject::invokeMethod(raw, [raw] { delete raw; }, Qt::BlockingQueuedConnection);
+            }
         }
     }
 
