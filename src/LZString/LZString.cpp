@@ -6,8 +6,9 @@
 #include <algorithm>
 #include <memory>
 
-#if defined(_MSC_VER) && (defined(_M_X64) || defined(_M_IX86))
-#include <xmmintrin.h>
+#if defined(__SSE2__) || defined(_M_X64)
+#include <emmintrin.h>
+#define QM_LZ_SSE2 1
 #endif
 
 namespace LZString {
@@ -106,13 +107,40 @@ void Pack(const char16_t* data, size_t length, uint64_t* out)
         pending |= group << bits;
         if (bits + 60 >= 64) {
             *out++ = pending;
-            pending = group >> (64 - bits); // bits > 4 here
+            pending = group >> (64 - bits); // bits >= 4 here
             bits -= 4;
         } else {
             bits += 60;
         }
     };
     size_t i = 0;
+#ifdef QM_LZ_SSE2
+    // The same as PackFour, eight characters at a time.
+    const __m128i high = _mm_set1_epi16(short(0x8000));
+    const __m128i offset = _mm_set1_epi16(32);
+    const __m128i low15 = _mm_set1_epi16(0x7FFF);
+    const __m128i m1 = _mm_set1_epi16(0x5555);
+    const __m128i m2 = _mm_set1_epi16(0x3333);
+    const __m128i m4 = _mm_set1_epi16(0x0F0F);
+    const __m128i low16 = _mm_set1_epi32(0xFFFF);
+    const __m128i low32 = _mm_set1_epi64x(0xFFFFFFFF);
+    for (; i + 8 <= length; i += 8) {
+        __m128i x = _mm_loadu_si128(reinterpret_cast<const __m128i*>(data + i));
+        x = _mm_and_si128(_mm_sub_epi16(_mm_or_si128(x, high), offset), low15);
+        x = _mm_or_si128(_mm_and_si128(_mm_srli_epi16(x, 1), m1), _mm_slli_epi16(_mm_and_si128(x, m1), 1));
+        x = _mm_or_si128(_mm_and_si128(_mm_srli_epi16(x, 2), m2), _mm_slli_epi16(_mm_and_si128(x, m2), 2));
+        x = _mm_or_si128(_mm_and_si128(_mm_srli_epi16(x, 4), m4), _mm_slli_epi16(_mm_and_si128(x, m4), 4));
+        x = _mm_or_si128(_mm_srli_epi16(x, 8), _mm_slli_epi16(x, 8));
+        x = _mm_srli_epi16(x, 1);
+        // Lanes joined in pairs: 30 bits in each 32, then 60 in each 64.
+        x = _mm_or_si128(_mm_and_si128(x, low16), _mm_slli_epi32(_mm_srli_epi32(x, 16), 15));
+        x = _mm_or_si128(_mm_and_si128(x, low32), _mm_slli_epi64(_mm_srli_epi64(x, 32), 30));
+        uint64_t groups[2];
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(groups), x);
+        put(groups[0]);
+        put(groups[1]);
+    }
+#endif
     for (; i + 4 <= length; i += 4) {
         uint64_t w;
         std::memcpy(&w, data + i, sizeof w);
@@ -273,110 +301,6 @@ size_t MaxCodes(uint64_t bits)
     return size_t(codes + 1);
 }
 
-// The decoder's state from one code to the next. The code width grows by a
-// bit whenever the dictionary's size reaches a power of two; an entry learnt
-// at a step is the previous phrase and the first character of the current
-// one, which lie side by side in the output: it starts where the previous
-// phrase starts and is one character longer.
-struct Walk {
-    uint32_t dictSize = 4;
-    uint32_t w = 0;        // the previous phrase's length
-    uint32_t previous = 0; // where it starts
-    uint64_t at = 0;       // the output so far
-};
-
-// Reads codes until the end marker or a fault. Each step looks its entry up,
-// records the entry it learns, and hands (entry or kLiteral|character or kSelf,
-// length, start) to \a step, which writes or plans the output. Null when a
-// code names an empty entry or the text outgrows \a limit, which is checked
-// before a phrase is written.
-template <bool kFetch, typename Reader, typename Step>
-End Run(Reader& reader, Span* table, Walk& walk, qint64 limit, Step&& step)
-{
-    uint32_t dictSize = walk.dictSize;
-    uint32_t w = walk.w;
-    uint32_t previous = walk.previous;
-    uint64_t at = walk.at;
-    int numBits = 3;
-    while ((uint32_t(1) << numBits) <= dictSize)
-        ++numBits;
-    // Reading runs a block ahead of looking up, so that entries are fetched before they are needed.
-    constexpr int kBlock = kFetch ? 64 : 1;
-    uint32_t codes[kBlock];
-    uint32_t readSize = dictSize; // the dictionary's size as reading sees it
-    End end = End::Text;
-    bool ended = false;
-    while (!ended) {
-        int count = 0;
-        for (; count < kBlock; ++count) {
-            if (reader.Exhausted()) {
-                end = End::Empty; // ended before its end marker: nothing decoded counts
-                ended = true;
-                break;
-            }
-            uint32_t code = reader.Read(numBits);
-            if (code < 2) {
-                code = kLiteral | reader.Read(code == 0 ? 8 : 16);
-                if (++readSize == uint32_t(1) << numBits)
-                    ++numBits;
-            } else if (code == 2) {
-                end = End::Text;
-                ended = true;
-                break;
-            } else if (code > readSize) {
-                end = End::Null; // beyond the next free code
-                ended = true;
-                break;
-            } else if (kFetch) {
-                Prefetch(table + code);
-            }
-            codes[count] = code;
-            if (++readSize == uint32_t(1) << numBits) {
-                if (++numBits > 31) { // no real stream grows codes this wide
-                    end = End::Null;
-                    ended = true;
-                    ++count;
-                    break;
-                }
-            }
-        }
-        for (int i = 0; i < count; ++i) {
-            const uint32_t code = codes[i];
-            uint32_t length;
-            if (code & kLiteral) {
-                table[dictSize++] = Span{uint32_t(at), 1};
-                length = 1;
-                if (at + length > uint64_t(limit))
-                    return End::Null;
-                step(code, length, at, previous);
-            } else if (code < dictSize) {
-                const Span entry = table[code];
-                if (entry.length == 0)
-                    return End::Null;
-                length = entry.length;
-                if (at + length > uint64_t(limit))
-                    return End::Null; // stops before the oversized text is built
-                step(entry.offset, length, at, previous);
-            } else {
-                length = w ? w + 1 : 0; // a phrase that refers to itself
-                if (at + length > uint64_t(limit))
-                    return End::Null;
-                step(kSelf, length, at, previous);
-            }
-            // The previous phrase and the first character of this one.
-            table[dictSize++] = Span{previous, w + (length ? 1u : 0u)};
-            previous = uint32_t(at);
-            at += length;
-            w = length;
-        }
-    }
-    walk.dictSize = dictSize;
-    walk.w = w;
-    walk.previous = previous;
-    walk.at = at;
-    return end;
-}
-
 // Copies a phrase 8 characters at a time into the slack after it. The source
 // ends at or before the destination, so what a chunk reads was written before
 // this copy began.
@@ -398,54 +322,189 @@ inline void CopySelf(char16_t* out, uint32_t at, uint32_t previous, uint32_t len
     }
 }
 
-// Small streams in one pass, straight into the text, which grows as needed:
-// their dictionary stays in the cache, and no text they can give is large.
+// Small streams in one pass, straight into the text, which grows as needed
+// (never past the limit): their dictionary stays in the cache.
 constexpr int kOnePassUpTo = 4096; // input characters
 
 template <typename Reader>
-QString DecodeSmall(Reader& reader, Span* table, uint64_t guess, qint64 limit)
+QString DecodeSmall(Reader reader, Span* table, uint64_t guess, qint64 limit)
 {
     Header header;
     if (ReadHeader(reader, header) == End::Empty)
         return EmptyText();
-    Walk walk;
-    QString text;
-    char16_t* out = nullptr;
-    uint64_t capacity = 0;
-    auto room = [&](uint64_t needed) {
-        if (needed + kSlack > capacity) {
-            capacity = std::min<uint64_t>(std::max<uint64_t>(capacity * 2, needed), uint64_t(limit)) + kSlack;
-            text.resize(static_cast<int>(capacity));
-            out = reinterpret_cast<char16_t*>(text.data());
-        }
-    };
-    room(std::min<uint64_t>(guess, uint64_t(limit)));
+    uint32_t room = uint32_t(std::min<uint64_t>(guess, uint64_t(limit))); // phrases may end here
+    QString text(int(room + kSlack), Qt::Uninitialized);
+    char16_t* out = reinterpret_cast<char16_t*>(text.data());
+    uint32_t at = 0;
     if (header.hasFirst)
-        out[walk.at++] = header.first;
-    walk.w = uint32_t(walk.at);
-    table[3] = Span{0, walk.w};
-    const End end = Run<false>(reader, table, walk, limit,
-                               [&](uint32_t source, uint32_t length, uint64_t at, uint32_t previous) {
-                                   room(at + length);
-                                   if (source & kLiteral)
-                                       out[at] = static_cast<char16_t>(source);
-                                   else if (source == kSelf)
-                                       CopySelf(out, uint32_t(at), previous, length);
-                                   else
-                                       CopyPhrase(out + at, out + source, length);
-                               });
-    if (end != End::Text)
-        return end == End::Null ? QString() : EmptyText();
-    text.resize(static_cast<int>(walk.at)); // shrinking keeps the buffer
+        out[at++] = header.first;
+    uint32_t w = at; // the previous phrase's length
+    uint32_t previous = 0; // where it starts
+    table[3] = Span{0, w};
+    uint32_t dictSize = 4;
+    uint32_t wider = 8; // the code width grows by a bit when the dictionary's size reaches this
+    int numBits = 3;
+    // Beyond the room: an empty entry, the limit, or growing the text.
+    auto full = [&](uint32_t length) {
+        if (length == 0 || uint64_t(at) + length > uint64_t(limit))
+            return false;
+        room = uint32_t(std::min<uint64_t>(std::max<uint64_t>(uint64_t(room) * 2, uint64_t(at) + length),
+                                           uint64_t(limit)));
+        text.resize(int(room + kSlack));
+        out = reinterpret_cast<char16_t*>(text.data());
+        return true;
+    };
+    for (;;) {
+        if (reader.Exhausted())
+            return EmptyText(); // ended before its end marker: nothing decoded counts
+        const uint32_t code = reader.Read(numBits);
+        uint32_t length;
+        if (code - 3 < dictSize - 3) { // an entry
+            const Span entry = table[code];
+            length = entry.length;
+            if (length - 1 >= room - at && !full(length))
+                return QString(); // an empty entry, or the text outgrows the limit
+            CopyPhrase(out + at, out + entry.offset, length);
+            table[dictSize++] = Span{previous, w + 1};
+        } else if (code < 2) {
+            const uint32_t c = reader.Read(code == 0 ? 8 : 16);
+            table[dictSize++] = Span{at, 1};
+            if (dictSize == wider) {
+                wider <<= 1;
+                ++numBits;
+            }
+            length = 1;
+            if (at == room && !full(length))
+                return QString();
+            out[at] = static_cast<char16_t>(c);
+            table[dictSize++] = Span{previous, w + 1};
+        } else if (code == 2) {
+            break;
+        } else if (code == dictSize) { // the previous phrase and its own first character
+            length = w ? w + 1 : 0;
+            if (length > room - at && !full(length))
+                return QString();
+            CopySelf(out, at, previous, length);
+            table[dictSize++] = Span{previous, length};
+        } else {
+            return QString(); // beyond the next free code
+        }
+        if (dictSize == wider) {
+            wider <<= 1;
+            if (++numBits > 31)
+                return QString(); // no real stream grows codes this wide
+        }
+        previous = at;
+        at += length;
+        w = length;
+    }
+    text.resize(int(at)); // shrinking keeps the buffer
     return text;
 }
 
 // Larger streams in two passes. The first reads the codes, learns every
 // entry's start and length and plans the output as a list of copies, so the
 // text is made once at its size and a text beyond the limit is refused before
-// any of it is built. The second carries out the copies; knowing them, it
-// fetches the text they read ahead.
-constexpr size_t kAhead = 16;
+// any of it is built. It reads a block of codes ahead of looking them up, so
+// that their entries are fetched before they are needed. The second carries
+// out the copies; knowing them, it fetches the text they read ahead.
+constexpr int kBlock = 64; // codes
+constexpr size_t kAhead = 16; // copies
+
+struct Plan {
+    size_t steps = 0;
+    uint32_t entries = 4;
+    uint32_t size = 0; // of the text
+};
+
+template <typename Reader>
+End MakePlan(Reader reader, uint32_t first, Span* table, Span* steps, uint32_t limit, Plan& plan)
+{
+    uint32_t at = first;
+    uint32_t w = first; // the previous phrase's length
+    uint32_t previous = 0; // where it starts
+    table[3] = Span{0, w};
+    uint32_t dictSize = 4;
+    uint32_t readSize = 4; // the dictionary's size as reading sees it
+    uint32_t wider = 8; // the code width grows by a bit when the dictionary's size reaches this
+    int numBits = 3;
+    size_t count = 0;
+    uint32_t codes[kBlock];
+    End end = End::Text;
+    bool ended = false;
+    auto finish = [&](End result) {
+        plan.steps = count;
+        plan.entries = dictSize;
+        plan.size = at;
+        return result;
+    };
+    while (!ended) {
+        int read = 0;
+        for (; read < kBlock; ++read) {
+            if (reader.Exhausted()) {
+                end = End::Empty; // ended before its end marker: nothing decoded counts
+                ended = true;
+                break;
+            }
+            uint32_t code = reader.Read(numBits);
+            if (code - 3 < readSize - 3) {
+                Prefetch(table + code);
+            } else if (code < 2) {
+                code = kLiteral | reader.Read(code == 0 ? 8 : 16);
+                if (++readSize == wider) {
+                    wider <<= 1;
+                    ++numBits;
+                }
+            } else if (code == 2) {
+                ended = true;
+                break;
+            } else if (code != readSize) {
+                end = End::Null; // beyond the next free code
+                ended = true;
+                break;
+            }
+            codes[read] = code;
+            if (++readSize == wider) {
+                wider <<= 1;
+                if (++numBits > 31) { // no real stream grows codes this wide
+                    end = End::Null;
+                    ended = true;
+                    ++read;
+                    break;
+                }
+            }
+        }
+        for (int i = 0; i < read; ++i) {
+            const uint32_t code = codes[i];
+            uint32_t length;
+            if (code - 3 < dictSize - 3) { // an entry
+                const Span entry = table[code];
+                length = entry.length;
+                if (length - 1 >= limit - at)
+                    return finish(End::Null); // an empty entry, or the text outgrows the limit
+                steps[count++] = entry;
+                table[dictSize++] = Span{previous, w + 1};
+            } else if (code & kLiteral) {
+                table[dictSize++] = Span{at, 1};
+                length = 1;
+                if (at == limit)
+                    return finish(End::Null);
+                steps[count++] = Span{code & 0xFFFF, kLiteral};
+                table[dictSize++] = Span{previous, w + 1};
+            } else { // the previous phrase and its own first character
+                length = w ? w + 1 : 0;
+                if (length > limit - at)
+                    return finish(End::Null);
+                steps[count++] = Span{previous, length | kSelf};
+                table[dictSize++] = Span{previous, length};
+            }
+            previous = at;
+            at += length;
+            w = length;
+        }
+    }
+    return finish(end);
+}
 
 template <typename Reader>
 QString DecodeLarge(Reader& reader, size_t maxCodes, qint64 limit)
@@ -456,28 +515,18 @@ QString DecodeLarge(Reader& reader, size_t maxCodes, qint64 limit)
     Span* steps = reinterpret_cast<Span*>(t_steps.Ensure(maxCodes, 0));
     // At most two entries a code, after the 4 fixed ones.
     Span* table = reinterpret_cast<Span*>(t_table.Ensure(2 * maxCodes + 8, 0));
-    Walk walk;
-    walk.at = walk.w = header.hasFirst ? 1 : 0;
-    table[3] = Span{0, walk.w};
-    size_t count = 0;
-    const End end = Run<true>(reader, table, walk, limit,
-                              [&](uint32_t source, uint32_t length, uint64_t, uint32_t previous) {
-                                  if (source == kSelf)
-                                      steps[count++] = Span{previous, length | kSelf};
-                                  else if (source & kLiteral)
-                                      steps[count++] = Span{source & 0xFFFF, kLiteral};
-                                  else
-                                      steps[count++] = Span{source, length};
-                              });
-    t_steps.used = count;
-    t_table.used = walk.dictSize;
+    Plan plan;
+    const End end = MakePlan(reader, header.hasFirst ? 1 : 0, table, steps, uint32_t(limit), plan);
+    t_steps.used = plan.steps;
+    t_table.used = plan.entries;
     if (end != End::Text)
         return end == End::Null ? QString() : EmptyText();
-    QString text(static_cast<int>(walk.at + kSlack), Qt::Uninitialized);
+    QString text(static_cast<int>(plan.size + kSlack), Qt::Uninitialized);
     char16_t* out = reinterpret_cast<char16_t*>(text.data());
     uint32_t at = 0;
     if (header.hasFirst)
         out[at++] = header.first;
+    const size_t count = plan.steps;
     for (size_t i = 0; i < count; ++i) {
         if (i + kAhead < count && steps[i + kAhead].length < kSelf)
             Prefetch(out + steps[i + kAhead].offset);
@@ -493,7 +542,7 @@ QString DecodeLarge(Reader& reader, size_t maxCodes, qint64 limit)
             at += phrase;
         }
     }
-    text.resize(static_cast<int>(walk.at)); // shrinking keeps the buffer
+    text.resize(static_cast<int>(plan.size)); // shrinking keeps the buffer
     return text;
 }
 
