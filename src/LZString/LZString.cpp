@@ -409,7 +409,7 @@ QString DecodeSmall(Reader reader, Span* table, uint64_t guess, qint64 limit)
 // that their entries are fetched before they are needed. The second carries
 // out the copies; knowing them, it fetches the text they read ahead.
 constexpr int kBlock = 64; // codes
-constexpr size_t kAhead = 16; // copies
+constexpr size_t kAhead = 32; // copies
 
 struct Plan {
     size_t steps = 0;
@@ -512,12 +512,12 @@ QString DecodeLarge(Reader& reader, size_t maxCodes, qint64 limit)
     Header header;
     if (ReadHeader(reader, header) == End::Empty)
         return EmptyText();
-    Span* steps = reinterpret_cast<Span*>(t_steps.Ensure(maxCodes, 0));
+    Span* steps = reinterpret_cast<Span*>(t_steps.Ensure(maxCodes + kAhead, 0));
     // At most two entries a code, after the 4 fixed ones.
     Span* table = reinterpret_cast<Span*>(t_table.Ensure(2 * maxCodes + 8, 0));
     Plan plan;
     const End end = MakePlan(reader, header.hasFirst ? 1 : 0, table, steps, uint32_t(limit), plan);
-    t_steps.used = plan.steps;
+    t_steps.used = plan.steps + kAhead;
     t_table.used = plan.entries;
     if (end != End::Text)
         return end == End::Null ? QString() : EmptyText();
@@ -527,9 +527,12 @@ QString DecodeLarge(Reader& reader, size_t maxCodes, qint64 limit)
     if (header.hasFirst)
         out[at++] = header.first;
     const size_t count = plan.steps;
+    // The steps end in kAhead blank ones, so fetching ahead needs no bound; a
+    // literal's character fetched as an offset is a harmless hint.
+    for (size_t i = 0; i < kAhead; ++i)
+        steps[count + i] = Span{0, 0};
     for (size_t i = 0; i < count; ++i) {
-        if (i + kAhead < count && steps[i + kAhead].length < kSelf)
-            Prefetch(out + steps[i + kAhead].offset);
+        Prefetch(out + steps[i + kAhead].offset);
         const Span s = steps[i];
         if (s.length < kSelf) {
             CopyPhrase(out + at, out + s.offset, s.length);
