@@ -327,11 +327,12 @@ inline void CopySelf(char16_t* out, uint32_t at, uint32_t previous, uint32_t len
 constexpr int kOnePassUpTo = 4096; // input characters
 
 template <typename Reader>
-QString DecodeSmall(Reader reader, Span* table, uint64_t guess, qint64 limit)
+QString DecodeSmall(Reader start, Span* table, uint64_t guess, qint64 limit)
 {
     Header header;
-    if (ReadHeader(reader, header) == End::Empty)
+    if (ReadHeader(start, header) == End::Empty)
         return EmptyText();
+    Reader reader = start; // a copy the compiler can keep in registers
     uint32_t room = uint32_t(std::min<uint64_t>(guess, uint64_t(limit))); // phrases may end here
     QString text(int(room + kSlack), Qt::Uninitialized);
     char16_t* out = reinterpret_cast<char16_t*>(text.data());
@@ -410,6 +411,7 @@ QString DecodeSmall(Reader reader, Span* table, uint64_t guess, qint64 limit)
 // out the copies; knowing them, it fetches the text they read ahead.
 constexpr int kBlock = 64; // codes
 constexpr size_t kAhead = 32; // copies
+constexpr size_t kFetchFrom = 16384; // input characters
 
 struct Plan {
     size_t steps = 0;
@@ -417,7 +419,7 @@ struct Plan {
     uint32_t size = 0; // of the text
 };
 
-template <typename Reader>
+template <bool kFetch, typename Reader>
 End MakePlan(Reader reader, uint32_t first, Span* table, Span* steps, uint32_t limit, Plan& plan)
 {
     uint32_t at = first;
@@ -448,7 +450,8 @@ End MakePlan(Reader reader, uint32_t first, Span* table, Span* steps, uint32_t l
             }
             uint32_t code = reader.Read(numBits);
             if (code - 3 < readSize - 3) {
-                Prefetch(table + code);
+                if (kFetch)
+                    Prefetch(table + code);
             } else if (code < 2) {
                 code = kLiteral | reader.Read(code == 0 ? 8 : 16);
                 if (++readSize == wider) {
@@ -506,33 +509,13 @@ End MakePlan(Reader reader, uint32_t first, Span* table, Span* steps, uint32_t l
     return finish(end);
 }
 
-template <typename Reader>
-QString DecodeLarge(Reader& reader, size_t maxCodes, qint64 limit)
+// Writes the text by the plan.
+template <bool kFetch>
+void Write(const Span* steps, size_t count, char16_t* out, uint32_t at)
 {
-    Header header;
-    if (ReadHeader(reader, header) == End::Empty)
-        return EmptyText();
-    Span* steps = reinterpret_cast<Span*>(t_steps.Ensure(maxCodes + kAhead, 0));
-    // At most two entries a code, after the 4 fixed ones.
-    Span* table = reinterpret_cast<Span*>(t_table.Ensure(2 * maxCodes + 8, 0));
-    Plan plan;
-    const End end = MakePlan(reader, header.hasFirst ? 1 : 0, table, steps, uint32_t(limit), plan);
-    t_steps.used = plan.steps + kAhead;
-    t_table.used = plan.entries;
-    if (end != End::Text)
-        return end == End::Null ? QString() : EmptyText();
-    QString text(static_cast<int>(plan.size + kSlack), Qt::Uninitialized);
-    char16_t* out = reinterpret_cast<char16_t*>(text.data());
-    uint32_t at = 0;
-    if (header.hasFirst)
-        out[at++] = header.first;
-    const size_t count = plan.steps;
-    // The steps end in kAhead blank ones, so fetching ahead needs no bound; a
-    // literal's character fetched as an offset is a harmless hint.
-    for (size_t i = 0; i < kAhead; ++i)
-        steps[count + i] = Span{0, 0};
     for (size_t i = 0; i < count; ++i) {
-        Prefetch(out + steps[i + kAhead].offset);
+        if (kFetch)
+            Prefetch(out + steps[i + kAhead].offset);
         const Span s = steps[i];
         if (s.length < kSelf) {
             CopyPhrase(out + at, out + s.offset, s.length);
@@ -545,6 +528,39 @@ QString DecodeLarge(Reader& reader, size_t maxCodes, qint64 limit)
             at += phrase;
         }
     }
+}
+
+template <typename Reader>
+QString DecodeLarge(Reader& reader, size_t length, size_t maxCodes, qint64 limit)
+{
+    Header header;
+    if (ReadHeader(reader, header) == End::Empty)
+        return EmptyText();
+    Span* steps = reinterpret_cast<Span*>(t_steps.Ensure(maxCodes + kAhead, 0));
+    // At most two entries a code, after the 4 fixed ones.
+    Span* table = reinterpret_cast<Span*>(t_table.Ensure(2 * maxCodes + 8, 0));
+    Plan plan;
+    // Smaller streams stay in the cache: fetching ahead would only cost there.
+    const bool fetch = length > kFetchFrom;
+    const uint32_t first = header.hasFirst ? 1 : 0;
+    const End end = fetch ? MakePlan<true>(reader, first, table, steps, uint32_t(limit), plan)
+                          : MakePlan<false>(reader, first, table, steps, uint32_t(limit), plan);
+    t_steps.used = plan.steps + kAhead;
+    t_table.used = plan.entries;
+    if (end != End::Text)
+        return end == End::Null ? QString() : EmptyText();
+    QString text(static_cast<int>(plan.size + kSlack), Qt::Uninitialized);
+    char16_t* out = reinterpret_cast<char16_t*>(text.data());
+    if (header.hasFirst)
+        out[0] = header.first;
+    // The steps end in kAhead blank ones, so fetching ahead needs no bound; a
+    // literal's character fetched as an offset is a harmless hint.
+    for (size_t i = 0; i < kAhead; ++i)
+        steps[plan.steps + i] = Span{0, 0};
+    if (fetch)
+        Write<true>(steps, plan.steps, out, first);
+    else
+        Write<false>(steps, plan.steps, out, first);
     text.resize(static_cast<int>(plan.size)); // shrinking keeps the buffer
     return text;
 }
@@ -561,7 +577,7 @@ QString Decode(Reader reader, size_t length, int bitsPerCharacter, qint64 limit)
         Span* table = reinterpret_cast<Span*>(t_table.Ensure(2 * maxCodes + 8, 0));
         return DecodeSmall(reader, table, uint64_t(length) * 4 + 64, limit);
     }
-    return DecodeLarge(reader, maxCodes, limit);
+    return DecodeLarge(reader, length, maxCodes, limit);
 }
 
 qint64 Bounded(qint64 limit)
