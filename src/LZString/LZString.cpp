@@ -1,9 +1,9 @@
 #include "LZString.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
 #include <cstring>
-#include <algorithm>
 #include <memory>
 
 #if defined(__SSE2__) || defined(_M_X64)
