@@ -297,7 +297,10 @@ private slots:
         QSignalSpy errors(&async, &CHttpRequest::ErrorAsync);
         async.GetAsync(m_host, L"/qmtest/echo", timeoutMs, false, L"application/json");
         QTRY_VERIFY_WITH_TIMEOUT(finished.size() + errors.size() == 1, 5000 * kSanitizerSlowdown);
-        QCOMPARE(finished.size(), ok ? 1 : 0);
+        QVERIFY2(finished.size() == (ok ? 1 : 0),
+                 qPrintable(QStringLiteral("async error %1: %2")
+                                .arg(errors.isEmpty() ? 0u : errors.first().first().toUInt())
+                                .arg(QString::fromStdString(CHttpRequest::LastThreadErrorText()))));
         if (!ok)
             QCOMPARE(errors.first().first().toUInt(), netError);
     }
