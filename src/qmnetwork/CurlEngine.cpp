@@ -381,6 +381,9 @@ Handle* Engine::NewHandle(const std::shared_ptr<Trust>& trust)
     curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(easy, CURLOPT_TCP_NODELAY, 1L);
     curl_easy_setopt(easy, CURLOPT_TCP_KEEPALIVE, 1L);
+    // Servers commonly close a connection idle for 5 s; one idle nearly that long could be
+    // closed while a request goes out on it ("Broken pipe"), so it is not reused.
+    curl_easy_setopt(easy, CURLOPT_MAXAGE_CONN, 4L);
     // Verification is never switched off. curl loads no CAs of its own (it would
     // read the whole bundle for every connection); the shared store is put in instead.
     curl_easy_setopt(easy, CURLOPT_SSL_VERIFYPEER, 1L);
