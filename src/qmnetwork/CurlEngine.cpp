@@ -688,10 +688,10 @@ void AsyncJob::Deliver()
     if (!target)
         return;
     // Queued to the owner's thread; Qt drops the call if the owner dies before it runs.
+    // The functor alone holds the outcome: this thread keeps nothing the owner reads.
     CHttpRequest* owner = target;
-    auto result = std::make_shared<Outcome>(std::move(outcome));
     QMetaObject::invokeMethod(
-        owner, [owner, result]() { owner->DeliverAsync(*result); }, Qt::QueuedConnection);
+        owner, [owner, result = std::move(outcome)]() { owner->DeliverAsync(result); }, Qt::QueuedConnection);
 }
 
 } // namespace QMNet
