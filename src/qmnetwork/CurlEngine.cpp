@@ -1,6 +1,7 @@
 #include "CurlEngine.h"
 
 #include "HttpRequest.h"
+#include "../compat/QueuedCall.h"
 
 #include <QLoggingCategory>
 #include <QMetaObject>
@@ -691,7 +692,8 @@ void AsyncJob::Deliver()
     // The functor alone holds the outcome: this thread keeps nothing the owner reads.
     CHttpRequest* owner = target;
     QMetaObject::invokeMethod(
-        owner, [owner, result = std::move(outcome)]() { owner->DeliverAsync(result); }, Qt::QueuedConnection);
+        owner, QMCompat::Queued([owner, result = std::move(outcome)]() { owner->DeliverAsync(result); }),
+        Qt::QueuedConnection);
 }
 
 } // namespace QMNet
