@@ -4,6 +4,7 @@
 #include <openssl/evp.h>
 #include <openssl/hmac.h>
 
+#include <chrono>
 #include <cstring>
 #include <ctime>
 #include <utility>
@@ -76,6 +77,10 @@ struct Transfer {
     const std::atomic<bool>* stop = nullptr;
     std::atomic<long long>* sent = nullptr;
     size_t limit = kReplyLimit;
+    int stallSeconds = 30;
+    curl_off_t moved = -1; // bytes both ways when last seen
+    std::chrono::steady_clock::time_point lastMove;
+    bool stalled = false;
 };
 
 size_t ReadBody(char* buffer, size_t size, size_t count, void* user)
@@ -120,9 +125,22 @@ size_t Header(char* data, size_t size, size_t count, void* user)
     return n;
 }
 
-int Progress(void* user, curl_off_t, curl_off_t, curl_off_t, curl_off_t)
+// Ends the request when told to stop, or when no byte moved either way for the stall time
+// (curl's own low-speed limit averages over a few seconds more than that).
+int Progress(void* user, curl_off_t, curl_off_t received, curl_off_t, curl_off_t sent)
 {
-    return static_cast<Transfer*>(user)->stop->load() ? 1 : 0;
+    auto* t = static_cast<Transfer*>(user);
+    if (t->stop->load())
+        return 1;
+    const auto now = std::chrono::steady_clock::now();
+    if (received + sent != t->moved) {
+        t->moved = received + sent;
+        t->lastMove = now;
+    } else if (t->stallSeconds > 0 && now - t->lastMove >= std::chrono::seconds(t->stallSeconds)) {
+        t->stalled = true;
+        return 1;
+    }
+    return 0;
 }
 
 std::string Stamp(long long offset)
@@ -202,13 +220,11 @@ S3Reply S3Client::Request(const char* method, const std::string& key, const std:
         headers = curl_slist_append(
             headers, Authorization(method, path, query, host, payloadHash, stamp, m_key, m_secret).c_str());
     }
-    Transfer transfer{data, size, 0, &reply, &m_stop, &m_sent, replyLimit};
+    Transfer transfer{data, size, 0, &reply, &m_stop, &m_sent, replyLimit, m_stallSeconds};
     curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
     curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
     curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT_MS, 10000L);
-    curl_easy_setopt(curl, CURLOPT_LOW_SPEED_LIMIT, 1L);
-    curl_easy_setopt(curl, CURLOPT_LOW_SPEED_TIME, long(m_stallSeconds));
     curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, &WriteBody);
     curl_easy_setopt(curl, CURLOPT_WRITEDATA, &transfer);
     curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, &Header);
@@ -233,9 +249,16 @@ S3Reply S3Client::Request(const char* method, const std::string& key, const std:
         curl_easy_setopt(curl, CURLOPT_CUSTOMREQUEST, method);
     }
     reply.curlCode = curl_easy_perform(curl);
-    if (reply.curlCode != CURLE_OK)
+    if (transfer.stalled) {
+        reply.curlCode = CURLE_OPERATION_TIMEDOUT;
+        reply.error = "no bytes moved for " + std::to_string(m_stallSeconds) + " s";
+    } else if (reply.curlCode != CURLE_OK) {
         reply.error = curl_easy_strerror(CURLcode(reply.curlCode));
+    }
     curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &reply.status);
+    // A body cut off after "100 Continue" got no answer: the request is one to retry.
+    if (reply.status < 200)
+        reply.status = 0;
     curl_easy_cleanup(curl);
     curl_slist_free_all(headers);
     return reply;

@@ -1,15 +1,22 @@
 // The publish job against the real storage (Swift with s3api, started by ./qm test) and
-// qmmember-server: resume across processes, refused credentials, cancel, a changed file.
+// qmmember-server: resume across processes, refused credentials, cancel, a changed file, a
+// stalled transfer, a clock the storage refuses.
 #include "QMContentPublishJob.h"
 #include "QMMemberWebService.h"
 #include "S3Client.h"
 #include "ServerFixture.h"
+#include "StallingForwarder.h"
 
 #include <QCryptographicHash>
+#include <QDir>
+#include <QElapsedTimer>
 #include <QFile>
 #include <QRandomGenerator>
+#include <QSaveFile>
+#include <QScopeGuard>
 #include <QSignalSpy>
 #include <QTemporaryDir>
+#include <QUrl>
 #include <QtTest>
 
 #include <memory>
@@ -38,10 +45,10 @@ private:
     QTemporaryDir m_dir;
     std::unique_ptr<CQMMemberWebService> m_service;
 
-    bool StartServer(ServerFixture& server, const QString& secret)
+    bool StartServer(ServerFixture& server, const QString& secret, const QString& storageUrl = QString())
     {
-        return server.Start({"--storage", m_url, "--storage-key", m_key, "--storage-secret", secret, "--bucket",
-                             "publish-test"});
+        return server.Start({"--storage", storageUrl.isEmpty() ? m_url : storageUrl, "--storage-key", m_key,
+                             "--storage-secret", secret, "--bucket", "publish-test"});
     }
 
     // A fresh service signed in to the exported server.
@@ -92,6 +99,48 @@ private:
     {
         return QMPublish::S3Client(m_url.toStdString(), m_key.toStdString(), m_secret.toStdString(), "publish-test",
                                    stop, sent);
+    }
+
+    // The open multipart uploads of \a key; "?" when the listing fails.
+    QStringList OpenUploads(const QString& key) const
+    {
+        std::atomic<bool> stop{false};
+        std::atomic<long long> sent{0};
+        std::vector<std::string> open;
+        if (Storage(stop, sent).ListUploads(key.toStdString(), open).status != 200)
+            return {QStringLiteral("?")};
+        QStringList out;
+        for (const std::string& id : open)
+            out << QString::fromStdString(id);
+        return out;
+    }
+
+    // Whether the storage holds \a path's very bytes under \a key.
+    bool Stored(const QString& key, const QString& path) const
+    {
+        std::atomic<bool> stop{false};
+        std::atomic<long long> sent{0};
+        const QMPublish::S3Reply object = Storage(stop, sent).Get(key.toStdString(), 64 * kMiB);
+        QFile file(path);
+        return object.status == 200 && file.open(QIODevice::ReadOnly)
+               && QByteArray::fromStdString(object.body) == file.readAll();
+    }
+
+    static QJsonObject Journal(const QString& path)
+    {
+        QFile file(Job::JournalPath(path));
+        return file.open(QIODevice::ReadOnly) ? QJsonDocument::fromJson(file.readAll()).object() : QJsonObject();
+    }
+
+    // libfaketime's library for threaded programs, or empty.
+    static QString FakeTimeLibrary()
+    {
+        for (const QString& dir : QDir(QStringLiteral("/usr/lib")).entryList({QStringLiteral("*-linux-*")}, QDir::Dirs)) {
+            const QString path = QStringLiteral("/usr/lib/%1/faketime/libfaketimeMT.so.1").arg(dir);
+            if (QFile::exists(path))
+                return path;
+        }
+        return QString();
     }
 
 private slots:
@@ -273,6 +322,159 @@ private slots:
         QSignalSpy results(&job, &Job::result);
         QCOMPARE(Run(job), 32);
         QVERIFY2(results.first().at(1).toString().contains("SHA-256"), qPrintable(results.first().at(1).toString()));
+    }
+
+    // The storage stops taking bytes in the middle of a request (a forwarder in between stalls).
+    // Stalled once, the request goes again after the stall time and the object arrives whole.
+    // Stalled for good, the job gives up after its retries, in bounded time, publishes nothing,
+    // and leaves open only the upload its journal names, which a resumed job then finishes.
+    void stalledTransfer_data()
+    {
+        QTest::addColumn<int>("stalls");
+        QTest::newRow("part 2 stalls once") << 1;
+        QTest::newRow("part 2 stalls for good") << -1;
+    }
+    void stalledTransfer()
+    {
+        QFETCH(int, stalls);
+        StallingForwarder forwarder(QUrl(m_url).port());
+        QVERIFY(forwarder.Port() != 0);
+        ServerFixture relayed;
+        QVERIFY(StartServer(relayed, m_secret, QStringLiteral("http://127.0.0.1:%1").arg(forwarder.Port())));
+        relayed.Export();
+        // Back to the suite's server afterwards; the store holds this server's token then.
+        auto back = qScopeGuard([this] {
+            m_server.Export();
+            m_service = SignedIn(m_server);
+        });
+        const auto service = SignedIn(relayed);
+        QVERIFY(service);
+
+        // A name of its own: a fresh server allots the same content IDs, hence the same keys, again,
+        // and a storage used before may still hold an upload under a key.
+        const QString path = Pack(QStringLiteral("stall-%1.pack").arg(QRandomGenerator::global()->generate(), 0, 16),
+                                  11 * kMiB);
+        Job::Options options = Options(path);
+        options.multipartThreshold = 8 * kMiB; // 5, 5 and 1 MiB
+        options.partSize = 5 * kMiB;
+        options.stallSeconds = 1;
+        options.retries = 1;
+        forwarder.StallAfter(7 * kMiB, stalls); // in part 2
+        Job job(service.get(), options);
+        QElapsedTimer clock;
+        connect(&job, &Job::phaseChanged, &job, [&](int phase) {
+            if (phase == Job::PhaseTransfer)
+                clock.start();
+        });
+        const int code = Run(job);
+        const qint64 ms = clock.elapsed();
+        if (stalls > 0) {
+            QCOMPARE(code, int(Job::Published));
+            QCOMPARE(forwarder.Stalled(), stalls);
+            QCOMPARE(job.PartsSent(), 3);
+            QVERIFY(Stored(job.ObjectKey(), path));
+            return;
+        }
+
+        const int tries = options.retries + 1;
+        QCOMPARE(code, int(Job::TransferStalled));
+        QCOMPARE(forwarder.Stalled(), tries);
+        // Each try waits out the stall time (curl looks once a second), 1 s apart; the rest is quick.
+        QVERIFY2(ms >= tries * 1000 + 1000 && ms < (tries * 2000 + 1000 + 2000) * kSanitizerSlowdown,
+                 qPrintable(QString::number(ms)));
+        QVERIFY(relayed.Requests("/ContentManager/v1/Upload/UploadMetaData").isEmpty());
+        const QString uploadId = Journal(path).value("uploadId").toString();
+        QVERIFY(!uploadId.isEmpty());
+        QCOMPARE(OpenUploads(job.ObjectKey()), QStringList{uploadId});
+
+        forwarder.Heal();
+        options.resume = true;
+        Job resumed(service.get(), options);
+        QCOMPARE(Run(resumed), int(Job::Published));
+        QCOMPARE(resumed.PartsFound(), 1);
+        QCOMPARE(resumed.PartsSent(), 2);
+        QCOMPARE(OpenUploads(job.ObjectKey()), QStringList());
+        QVERIFY(Stored(job.ObjectKey(), path));
+    }
+
+    // qmmember runs with its clock an hour ahead (libfaketime): the storage refuses the first
+    // request and names its own time, the job takes the difference once and publishes. A clock
+    // that jumps another hour after that correction is refused for good: clock_skew, nothing
+    // published, and only the upload the journal names stays open.
+    void clockSkew_data()
+    {
+        QTest::addColumn<qint64>("size");
+        QTest::addColumn<QByteArray>("jump"); // the clock from the first part on; empty: no jump
+        QTest::newRow("an hour ahead") << qint64(kMiB) << QByteArray();
+        QTest::newRow("another hour ahead after the correction") << qint64(32 * kMiB) << QByteArray("+2h");
+    }
+    void clockSkew()
+    {
+        QFETCH(qint64, size);
+        QFETCH(QByteArray, jump);
+        const QString library = FakeTimeLibrary();
+        if (library.isEmpty())
+            QSKIP("no libfaketime: ./qm test installs the faketime package");
+        const QString clockFile = m_dir.filePath("clock");
+        auto setClock = [&](const QByteArray& offset) {
+            QSaveFile file(clockFile); // replaced whole: the child reads it on every clock call
+            return file.open(QIODevice::WriteOnly) && file.write(offset + '\n') > 0 && file.commit();
+        };
+        QVERIFY(setClock("+1h"));
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.insert("LD_PRELOAD", library);
+        environment.insert("FAKETIME_TIMESTAMP_FILE", clockFile);
+        environment.insert("FAKETIME_NO_CACHE", "1");
+        environment.insert("FAKETIME_DONT_FAKE_MONOTONIC", "1"); // timers and time-outs keep real time
+        // An instrumented child wants its runtime first; libfaketime comes before it.
+        environment.insert("ASAN_OPTIONS", environment.value("ASAN_OPTIONS") + ":verify_asan_link_order=0");
+
+        // The clock a child sees.
+        QProcess date;
+        date.setProcessEnvironment(environment);
+        date.start("date", {"+%s"});
+        QVERIFY(date.waitForFinished(10000));
+        const qint64 ahead =
+            date.readAllStandardOutput().trimmed().toLongLong() - QDateTime::currentSecsSinceEpoch();
+        QVERIFY2(ahead > 3500 && ahead < 3700, qPrintable(QString::number(ahead)));
+
+        const QString path =
+            Pack(QStringLiteral("skew-%1.pack").arg(QRandomGenerator::global()->generate(), 0, 16), size);
+        const int metadataPosts = m_server.Requests("/ContentManager/v1/Upload/UploadMetaData").size();
+        ServerProcess cli;
+        cli.setProcessEnvironment(environment);
+        QJsonObject last;
+        connect(&cli, &QProcess::readyReadStandardOutput, &cli, [&] {
+            while (cli.canReadLine()) {
+                last = QJsonDocument::fromJson(cli.readLine()).object();
+                if (!jump.isEmpty() && last.value("event") == "part" && last.value("number").toInt() == 1)
+                    setClock(jump);
+            }
+        });
+        QSignalSpy ended(&cli, QOverload<int, QProcess::ExitStatus>::of(&QProcess::finished));
+        cli.start(QStringLiteral(QM_CLI_BINARY), {"--json", "publish", path, "--product", "PublishTest", "--version", "1",
+                                                  "--product-key", QString::fromStdWString(kProductKey)});
+        QVERIFY(ended.wait(120000 * kSanitizerSlowdown));
+        const QByteArray words = QJsonDocument(last).toJson(QJsonDocument::Compact) + cli.readAllStandardError();
+        const QString key = last.value("key").toString();
+        if (jump.isEmpty()) {
+            QVERIFY2(cli.exitCode() == 0 && last.value("status") == "published", words.constData());
+            QVERIFY(Stored(key, path));
+            return;
+        }
+        QVERIFY2(cli.exitCode() == 1 && last.value("error").toObject().value("cause") == "clock_skew",
+                 words.constData());
+        QVERIFY(last.value("text").toString().contains("RequestTimeTooSkewed"));
+        QVERIFY(last.value("parts_sent").toInt() >= 1); // the corrected clock was taken until the jump
+        QCOMPARE(m_server.Requests("/ContentManager/v1/Upload/UploadMetaData").size(), metadataPosts);
+        const QString uploadId = Journal(path).value("uploadId").toString();
+        QVERIFY(!uploadId.isEmpty());
+        QCOMPARE(OpenUploads(key), QStringList{uploadId});
+        // Not left behind for the suite's other rows.
+        std::atomic<bool> stop{false};
+        std::atomic<long long> sent{0};
+        QCOMPARE(Storage(stop, sent).Abort(key.toStdString(), uploadId.toStdString()).status, 204L);
+        QFile::remove(Job::JournalPath(path));
     }
 };
 
