@@ -514,6 +514,10 @@ protected:
     /// Takes \a reply by value and frees it once parsed: a large reply is not held twice.
     EWSResult ExtractApiResult(std::wstring path, std::string body, int timeoutMs, bool needLogin, bool sync,
                                std::wstring reply, std::wstring& resultText, QString kGuid);
+    /// The same for the reply's bytes as received; text that is not UTF-8 is read as the wide
+    /// road reads it (each bad sequence a replacement character).
+    EWSResult ExtractApiResult(std::wstring path, std::string body, int timeoutMs, bool needLogin, bool sync,
+                               std::string utf8Reply, std::wstring& resultText, QString kGuid);
     EWSResult ProcessStatus(int status, std::function<EWSResult()> retry, bool allowRetry);
     static QJsonObject JsonObjectFromString(const QString& text);
     EWSResult ConnectionEndProcess(std::wstring proxyAccount, std::wstring proxyPassword, bool save, bool ok,
@@ -584,9 +588,13 @@ private:
     EWSResult ContentSyncRequest(std::wstring path, std::string body, int timeoutMs, bool needLogin,
                                  const std::function<void(const std::wstring&)>& onFinish,
                                  std::wstring replyKey = std::wstring());
-    /// ContentSyncRequest whose handler copies the result text into \a out.
+    /// ContentSyncRequest whose handler claims the result text for \a out: it is moved there once
+    /// every slot of FinishApiRequest has seen it (copied when it comes from elsewhere).
     EWSResult ContentSyncRequest(std::wstring path, std::string body, int timeoutMs, bool needLogin,
                                  std::wstring& out);
+    /// The synchronous road's FinishApiRequest: emits it, then hands \a resultText over to the
+    /// content call that claimed it (no second copy of a large result).
+    void FinishSyncRequest(std::wstring& resultText, bool serverBusy, const QString& kGuid);
 
     // Content upload and upload polling (private).
     void StopInnerUploadPolling() { m_bUploadStop = true; }

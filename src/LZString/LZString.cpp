@@ -1,12 +1,14 @@
 #include "LZString.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
 #include <cstring>
 #include <memory>
 
-#if defined(_MSC_VER) && (defined(_M_X64) || defined(_M_IX86))
-#include <xmmintrin.h>
+#if defined(__SSE2__) || defined(_M_X64)
+#include <emmintrin.h>
+#define QM_LZ_SSE2 1
 #endif
 
 namespace LZString {
@@ -71,68 +73,116 @@ private:
     uint64_t m_index = 1;
 };
 
-// Bit order reversed within a byte, for the 15-bit groups below.
-struct Reverse8 {
-    constexpr Reverse8()
-        : table()
-    {
-        for (int v = 0; v < 256; ++v) {
-            int out = 0;
-            for (int i = 0; i < 8; ++i)
-                out |= ((v >> i) & 1) << (7 - i);
-            table[v] = static_cast<uint8_t>(out);
-        }
-    }
-    uint8_t table[256];
-};
-constexpr Reverse8 kReverse8;
+// The UTF-16 form carries 15 bits a character, most significant first, while
+// numbers are assembled least significant bit first. Packing reverses each
+// 15-bit group once, four characters at a time, into one little-endian bit
+// string; a read is then a load, a shift and a mask.
+constexpr size_t kPackPadding = 24; // bytes past the last group: reads run at most 47 bits beyond the input
 
-// The UTF-16 form's reader works through a 64-bit buffer. Each character
-// carries 15 bits, most significant first, while numbers are assembled least
-// significant bit first; reversing each 15-bit group on load makes both
-// orders agree, so a read is a mask and a shift.
-class FastReader
+inline uint64_t PackFour(uint64_t w)
+{
+    // Each 16-bit lane: (character - 32) & 0x7FFF, bit-reversed.
+    w = ((w | 0x8000800080008000ull) - 0x0020002000200020ull) & 0x7FFF7FFF7FFF7FFFull;
+    w = ((w >> 1) & 0x5555555555555555ull) | ((w & 0x5555555555555555ull) << 1);
+    w = ((w >> 2) & 0x3333333333333333ull) | ((w & 0x3333333333333333ull) << 2);
+    w = ((w >> 4) & 0x0F0F0F0F0F0F0F0Full) | ((w & 0x0F0F0F0F0F0F0F0Full) << 4);
+    w = ((w >> 8) & 0x00FF00FF00FF00FFull) | ((w & 0x00FF00FF00FF00FFull) << 8);
+    // Bit 0 of a reversed lane is the dropped 16th bit.
+    return ((w >> 1) & 0x7FFF) | (((w >> 17) & 0x7FFF) << 15) | (((w >> 33) & 0x7FFF) << 30)
+        | (((w >> 49) & 0x7FFF) << 45);
+}
+
+// Words needed to pack \a length characters.
+inline size_t PackedWords(size_t length)
+{
+    return (length * 15 + 63) / 64 + (60 * 4 + 63) / 64 + (kPackPadding + 7) / 8 + 1;
+}
+
+// Past the end every character reads as the terminating zero would: 0 - 32.
+void Pack(const char16_t* data, size_t length, uint64_t* out)
+{
+    uint64_t pending = 0;
+    int bits = 0;
+    auto put = [&](uint64_t group) { // 60 bits
+        pending |= group << bits;
+        if (bits + 60 >= 64) {
+            *out++ = pending;
+            pending = group >> (64 - bits); // bits >= 4 here
+            bits -= 4;
+        } else {
+            bits += 60;
+        }
+    };
+    size_t i = 0;
+#ifdef QM_LZ_SSE2
+    // The same as PackFour, eight characters at a time.
+    const __m128i high = _mm_set1_epi16(short(0x8000));
+    const __m128i offset = _mm_set1_epi16(32);
+    const __m128i low15 = _mm_set1_epi16(0x7FFF);
+    const __m128i m1 = _mm_set1_epi16(0x5555);
+    const __m128i m2 = _mm_set1_epi16(0x3333);
+    const __m128i m4 = _mm_set1_epi16(0x0F0F);
+    const __m128i low16 = _mm_set1_epi32(0xFFFF);
+    const __m128i low32 = _mm_set1_epi64x(0xFFFFFFFF);
+    for (; i + 8 <= length; i += 8) {
+        __m128i x = _mm_loadu_si128(reinterpret_cast<const __m128i*>(data + i));
+        x = _mm_and_si128(_mm_sub_epi16(_mm_or_si128(x, high), offset), low15);
+        x = _mm_or_si128(_mm_and_si128(_mm_srli_epi16(x, 1), m1), _mm_slli_epi16(_mm_and_si128(x, m1), 1));
+        x = _mm_or_si128(_mm_and_si128(_mm_srli_epi16(x, 2), m2), _mm_slli_epi16(_mm_and_si128(x, m2), 2));
+        x = _mm_or_si128(_mm_and_si128(_mm_srli_epi16(x, 4), m4), _mm_slli_epi16(_mm_and_si128(x, m4), 4));
+        x = _mm_or_si128(_mm_srli_epi16(x, 8), _mm_slli_epi16(x, 8));
+        x = _mm_srli_epi16(x, 1);
+        // Lanes joined in pairs: 30 bits in each 32, then 60 in each 64.
+        x = _mm_or_si128(_mm_and_si128(x, low16), _mm_slli_epi32(_mm_srli_epi32(x, 16), 15));
+        x = _mm_or_si128(_mm_and_si128(x, low32), _mm_slli_epi64(_mm_srli_epi64(x, 32), 30));
+        uint64_t groups[2];
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(groups), x);
+        put(groups[0]);
+        put(groups[1]);
+    }
+#endif
+    for (; i + 4 <= length; i += 4) {
+        uint64_t w;
+        std::memcpy(&w, data + i, sizeof w);
+        put(PackFour(w));
+    }
+    char16_t tail[4] = {0, 0, 0, 0};
+    for (size_t k = 0; i + k < length; ++k)
+        tail[k] = data[i + k];
+    uint64_t w;
+    std::memcpy(&w, tail, sizeof w);
+    put(PackFour(w));
+    // Four more groups of terminating zeros cover the furthest read past the end.
+    for (int k = 0; k < 4; ++k)
+        put(PackFour(0));
+    *out++ = pending;
+    *out = 0;
+}
+
+class PackedReader
 {
 public:
-    FastReader(const QChar* data, int length, int)
-        : m_data(reinterpret_cast<const char16_t*>(data))
-        , m_length(static_cast<uint64_t>(length))
-        , m_limitBits(static_cast<uint64_t>(length) * 15)
+    PackedReader(const uint64_t* packed, size_t length)
+        : m_bytes(reinterpret_cast<const unsigned char*>(packed))
+        , m_limitBits(uint64_t(length) * 15)
     {
     }
 
     inline uint32_t Read(int count)
     {
-        if (m_available < count)
-            Refill();
-        const uint32_t value = static_cast<uint32_t>(m_buffer & ((uint64_t(1) << count) - 1));
-        m_buffer >>= count;
-        m_available -= count;
-        return value;
+        uint64_t word;
+        std::memcpy(&word, m_bytes + (m_position >> 3), sizeof word);
+        m_position += count;
+        return static_cast<uint32_t>((word >> ((m_position - count) & 7)) & ((uint64_t(1) << count) - 1));
     }
 
     // The description's "index > length": every bit of the input has been read.
-    bool Exhausted() const { return m_next * 15 - uint64_t(m_available) >= m_limitBits; }
+    bool Exhausted() const { return m_position >= m_limitBits; }
 
 private:
-    void Refill()
-    {
-        while (m_available <= 64 - 15) {
-            // Past the end the terminating zero reads as -32, as in the description.
-            const uint32_t value = (m_next < m_length ? uint32_t(m_data[m_next]) - 32u : uint32_t(-32)) & 0x7FFFu;
-            ++m_next;
-            const uint32_t reversed = (uint32_t(kReverse8.table[value & 0xFF]) << 7) | (kReverse8.table[value >> 8] >> 1);
-            m_buffer |= uint64_t(reversed) << m_available;
-            m_available += 15;
-        }
-    }
-
-    const char16_t* m_data;
-    uint64_t m_length;
+    const unsigned char* m_bytes;
     uint64_t m_limitBits;
-    uint64_t m_buffer = 0;
-    int m_available = 0;
-    uint64_t m_next = 0;
+    uint64_t m_position = 0;
 };
 
 // Asks for memory that will be read soon; a hint only.
@@ -148,26 +198,26 @@ inline void Prefetch(const void* address)
 }
 
 // Scratch memory kept per thread, so that a decode does not fault in fresh
-// pages. A buffer is kept while a call touches at most 8 MiB of it (the
-// dictionary 16 MiB: enough for a 10 MB reply); pages beyond what calls
-// touch are never made resident.
+// pages. A buffer is kept while a call touches at most what \a kept says
+// (enough for a 10 MB reply); pages beyond what calls touch are never made
+// resident.
 struct Scratch {
     explicit Scratch(size_t keptWords)
         : kept(keptWords)
     {
     }
     size_t kept;
-    std::unique_ptr<uint32_t[]> words;
+    std::unique_ptr<uint64_t[]> words;
     size_t size = 0;
     size_t used = 0; // words the last call touched
 
     // Room for \a count words; the first \a keep survive a move.
-    uint32_t* Ensure(size_t count, size_t keep)
+    uint64_t* Ensure(size_t count, size_t keep)
     {
         if (size < count) {
-            std::unique_ptr<uint32_t[]> fresh(new uint32_t[count]);
+            std::unique_ptr<uint64_t[]> fresh(new uint64_t[count]);
             if (keep)
-                std::memcpy(fresh.get(), words.get(), keep * sizeof(uint32_t));
+                std::memcpy(fresh.get(), words.get(), keep * sizeof(uint64_t));
             words = std::move(fresh);
             size = count;
         }
@@ -183,39 +233,33 @@ struct Scratch {
     }
 };
 
-thread_local Scratch t_codes(size_t(2) << 20);
-thread_local Scratch t_table(size_t(4) << 20);
+thread_local Scratch t_packed(size_t(1) << 19);
+thread_local Scratch t_steps(size_t(1) << 20);
+thread_local Scratch t_table(size_t(2) << 20);
 
 struct ScratchRelease {
     ~ScratchRelease()
     {
-        t_codes.Trim();
+        t_packed.Trim();
+        t_steps.Trim();
         t_table.Trim();
     }
 };
 
 enum class End { Text, Empty, Null };
 
-// Decoding runs in three passes. The first reads the bits into a list of
-// codes: the dictionary's size and the code width evolve independently of
-// the text, so the whole stream is read before any look-up. The second learns
-// the length of every dictionary entry and of the text, so the output is made
-// once at its size and a text beyond the limit is refused before any of it is
-// built. The third writes the text; there an entry is only its start in the
-// output. An entry learnt at a step is the previous phrase and the first
-// character of the current one, which lie side by side in the output: it ends
-// one character after where the next learnt entry starts. The last two passes
-// look entries up at random; knowing the codes, they fetch memory ahead.
-constexpr uint32_t kLiteral = 0x80000000u; // a literal: the flag and its character; else a code >= 3
-constexpr size_t kSlack = 8; // characters a copy may write past its phrase
-constexpr size_t kAhead = 16;
-constexpr size_t kFetchFrom = 16384; // codes
-
-// A dictionary entry: a run of the output already written.
+// A dictionary entry, a run of the output already written; and a step of the
+// plan for the output: a run to copy, or with kLiteral set in its length a
+// literal character in its offset, or with kSelf set a phrase that repeats the
+// previous one and its first character.
 struct Span {
     uint32_t offset;
     uint32_t length;
 };
+static_assert(sizeof(Span) == sizeof(uint64_t), "a span is one word");
+constexpr uint32_t kLiteral = 0x80000000u;
+constexpr uint32_t kSelf = 0x40000000u; // lengths stay below: the output is at most 2^30
+constexpr size_t kSlack = 8; // characters a copy may write past its phrase
 
 struct Header {
     bool hasFirst = false; // false: header 3, an empty first phrase
@@ -241,81 +285,20 @@ End ReadHeader(Reader& reader, Header& header)
     }
 }
 
-template <typename Reader>
-End ReadCodes(Reader reader, size_t length, Header& header, size_t& count)
+// At most how many codes \a bits bits can hold: as many as when every code is
+// a reference, the narrowest kind (a literal adds two entries and 8 or 16 bits).
+size_t MaxCodes(uint64_t bits)
 {
-    count = 0;
-    if (ReadHeader(reader, header) == End::Empty)
-        return End::Empty;
-    // Once codes are 15 bits or wider there are fewer of them than input characters.
-    uint32_t* codes = t_codes.Ensure(length + 64, 0);
-    size_t capacity = t_codes.size;
-    // The code width grows by a bit whenever the dictionary's size reaches a power of two.
-    uint32_t dictSize = 4;
-    int numBits = 3;
-    for (;;) {
-        if (reader.Exhausted())
-            return End::Empty; // ended before its end marker: nothing decoded counts
-        if (count == capacity) {
-            codes = t_codes.Ensure(count * 2, count);
-            capacity = t_codes.size;
-        }
-        const uint32_t code = reader.Read(numBits);
-        if (code < 2) {
-            codes[count++] = kLiteral | reader.Read(code == 0 ? 8 : 16);
-            if (++dictSize == uint32_t(1) << numBits)
-                ++numBits;
-        } else if (code == 2) {
-            return End::Text;
-        } else if (code > dictSize) {
-            return End::Null; // beyond the next free code
-        } else {
-            codes[count++] = code;
-        }
-        if (++dictSize == uint32_t(1) << numBits)
-            ++numBits;
-        if (numBits > 31)
-            return End::Null; // no real stream grows codes this wide
+    uint64_t codes = 0;
+    for (int width = 3; width < 32; ++width) {
+        // Codes of this width: until the dictionary's size reaches 2^width.
+        const uint64_t run = width == 3 ? 4 : uint64_t(1) << (width - 1);
+        if (bits < run * width)
+            return size_t(codes + bits / width + 1);
+        bits -= run * width;
+        codes += run;
     }
-}
-
-// Null when a code names an empty entry or the text outgrows \a limit.
-template <bool kFetch>
-End Measure(const Header& header, const uint32_t* codes, size_t count, Span* entries, qint64 limit,
-            uint64_t& size, size_t& used)
-{
-    entries[3].length = header.hasFirst ? 1 : 0;
-    uint32_t w = entries[3].length;
-    uint64_t total = w;
-    uint32_t dictSize = 4;
-    for (size_t i = 0; i < count; ++i) {
-        if (kFetch && i + kAhead < count && !(codes[i + kAhead] & kLiteral))
-            Prefetch(entries + codes[i + kAhead]);
-        const uint32_t code = codes[i];
-        uint32_t entry;
-        if (code & kLiteral) {
-            entries[dictSize++].length = 1;
-            entry = 1;
-        } else if (code < dictSize) {
-            entry = entries[code].length;
-            if (entry == 0) {
-                used = dictSize;
-                return End::Null;
-            }
-        } else {
-            entry = w ? w + 1 : 0; // a phrase that refers to itself
-        }
-        total += entry;
-        if (total > uint64_t(limit)) {
-            used = dictSize;
-            return End::Null; // stops before the oversized text is built
-        }
-        entries[dictSize++].length = w + (entry ? 1u : 0u);
-        w = entry;
-    }
-    used = dictSize;
-    size = total;
-    return End::Text;
+    return size_t(codes + 1);
 }
 
 // Copies a phrase 8 characters at a time into the slack after it. The source
@@ -330,83 +313,271 @@ inline void CopyPhrase(char16_t* target, const char16_t* source, uint32_t length
     }
 }
 
-// Every entry's length is known from the measuring pass; this one adds where
-// each starts in the output.
-template <bool kFetch>
-void Write(const Header& header, const uint32_t* codes, size_t count, char16_t* out, Span* entries)
+// The previous phrase again, and its first character after it.
+inline void CopySelf(char16_t* out, uint32_t at, uint32_t previous, uint32_t length)
 {
+    if (length) {
+        CopyPhrase(out + at, out + previous, length - 1);
+        out[at + length - 1] = out[previous];
+    }
+}
+
+// Small streams in one pass, straight into the text, which grows as needed
+// (never past the limit): their dictionary stays in the cache.
+constexpr int kOnePassUpTo = 4096; // input characters
+
+template <typename Reader>
+QString DecodeSmall(Reader start, Span* table, uint64_t guess, qint64 limit)
+{
+    Header header;
+    if (ReadHeader(start, header) == End::Empty)
+        return EmptyText();
+    Reader reader = start; // a copy the compiler can keep in registers
+    uint32_t room = uint32_t(std::min<uint64_t>(guess, uint64_t(limit))); // phrases may end here
+    QString text(int(room + kSlack), Qt::Uninitialized);
+    char16_t* out = reinterpret_cast<char16_t*>(text.data());
     uint32_t at = 0;
     if (header.hasFirst)
         out[at++] = header.first;
-    entries[3].offset = 0;
-    uint32_t previous = 0; // where the previous phrase starts
+    uint32_t w = at; // the previous phrase's length
+    uint32_t previous = 0; // where it starts
+    table[3] = Span{0, w};
     uint32_t dictSize = 4;
-    for (size_t i = 0; i < count; ++i) {
-        // Two steps ahead: the entry, then the text it points to.
-        if (kFetch && i + kAhead < count && !(codes[i + kAhead] & kLiteral))
-            Prefetch(entries + codes[i + kAhead]);
-        if (kFetch && i + kAhead / 2 < count) {
-            const uint32_t soon = codes[i + kAhead / 2];
-            if (!(soon & kLiteral) && soon < dictSize)
-                Prefetch(out + entries[soon].offset);
-        }
-        const uint32_t code = codes[i];
+    uint32_t wider = 8; // the code width grows by a bit when the dictionary's size reaches this
+    int numBits = 3;
+    // Beyond the room: an empty entry, the limit, or growing the text.
+    auto full = [&](uint32_t length) {
+        if (length == 0 || uint64_t(at) + length > uint64_t(limit))
+            return false;
+        room = uint32_t(std::min<uint64_t>(std::max<uint64_t>(uint64_t(room) * 2, uint64_t(at) + length),
+                                           uint64_t(limit)));
+        text.resize(int(room + kSlack));
+        out = reinterpret_cast<char16_t*>(text.data());
+        return true;
+    };
+    for (;;) {
+        if (reader.Exhausted())
+            return EmptyText(); // ended before its end marker: nothing decoded counts
+        const uint32_t code = reader.Read(numBits);
         uint32_t length;
-        if (code & kLiteral) {
-            out[at] = static_cast<char16_t>(code);
-            entries[dictSize++].offset = at;
-            length = 1;
-        } else if (code < dictSize) {
-            const Span entry = entries[code];
-            CopyPhrase(out + at, out + entry.offset, entry.length);
+        if (code - 3 < dictSize - 3) { // an entry
+            const Span entry = table[code];
             length = entry.length;
-        } else {
-            length = at - previous; // w and its own first character
-            CopyPhrase(out + at, out + previous, length);
-            if (length) {
-                out[at + length] = out[previous];
-                ++length;
+            if (length - 1 >= room - at && !full(length))
+                return QString(); // an empty entry, or the text outgrows the limit
+            CopyPhrase(out + at, out + entry.offset, length);
+            table[dictSize++] = Span{previous, w + 1};
+        } else if (code < 2) {
+            const uint32_t c = reader.Read(code == 0 ? 8 : 16);
+            table[dictSize++] = Span{at, 1};
+            if (dictSize == wider) {
+                wider <<= 1;
+                ++numBits;
             }
+            length = 1;
+            if (at == room && !full(length))
+                return QString();
+            out[at] = static_cast<char16_t>(c);
+            table[dictSize++] = Span{previous, w + 1};
+        } else if (code == 2) {
+            break;
+        } else if (code == dictSize) { // the previous phrase and its own first character
+            length = w ? w + 1 : 0;
+            if (length > room - at && !full(length))
+                return QString();
+            CopySelf(out, at, previous, length);
+            table[dictSize++] = Span{previous, length};
+        } else {
+            return QString(); // beyond the next free code
         }
-        // The previous phrase and the first character of this one.
-        entries[dictSize++].offset = previous;
+        if (dictSize == wider) {
+            wider <<= 1;
+            if (++numBits > 31)
+                return QString(); // no real stream grows codes this wide
+        }
         previous = at;
         at += length;
+        w = length;
+    }
+    text.resize(int(at)); // shrinking keeps the buffer
+    return text;
+}
+
+// Larger streams in two passes. The first reads the codes, learns every
+// entry's start and length and plans the output as a list of copies, so the
+// text is made once at its size and a text beyond the limit is refused before
+// any of it is built. It reads a block of codes ahead of looking them up, so
+// that their entries are fetched before they are needed. The second carries
+// out the copies; knowing them, it fetches the text they read ahead.
+constexpr int kBlock = 64; // codes
+constexpr size_t kAhead = 32; // copies
+constexpr size_t kFetchFrom = 16384; // input characters
+
+struct Plan {
+    size_t steps = 0;
+    uint32_t entries = 4;
+    uint32_t size = 0; // of the text
+};
+
+template <bool kFetch, typename Reader>
+End MakePlan(Reader reader, uint32_t first, Span* table, Span* steps, uint32_t limit, Plan& plan)
+{
+    uint32_t at = first;
+    uint32_t w = first; // the previous phrase's length
+    uint32_t previous = 0; // where it starts
+    table[3] = Span{0, w};
+    uint32_t dictSize = 4;
+    uint32_t readSize = 4; // the dictionary's size as reading sees it
+    uint32_t wider = 8; // the code width grows by a bit when the dictionary's size reaches this
+    int numBits = 3;
+    size_t count = 0;
+    uint32_t codes[kBlock];
+    End end = End::Text;
+    bool ended = false;
+    auto finish = [&](End result) {
+        plan.steps = count;
+        plan.entries = dictSize;
+        plan.size = at;
+        return result;
+    };
+    while (!ended) {
+        int read = 0;
+        for (; read < kBlock; ++read) {
+            if (reader.Exhausted()) {
+                end = End::Empty; // ended before its end marker: nothing decoded counts
+                ended = true;
+                break;
+            }
+            uint32_t code = reader.Read(numBits);
+            if (code - 3 < readSize - 3) {
+                if (kFetch)
+                    Prefetch(table + code);
+            } else if (code < 2) {
+                code = kLiteral | reader.Read(code == 0 ? 8 : 16);
+                if (++readSize == wider) {
+                    wider <<= 1;
+                    ++numBits;
+                }
+            } else if (code == 2) {
+                ended = true;
+                break;
+            } else if (code != readSize) {
+                end = End::Null; // beyond the next free code
+                ended = true;
+                break;
+            }
+            codes[read] = code;
+            if (++readSize == wider) {
+                wider <<= 1;
+                if (++numBits > 31) { // no real stream grows codes this wide
+                    end = End::Null;
+                    ended = true;
+                    ++read;
+                    break;
+                }
+            }
+        }
+        for (int i = 0; i < read; ++i) {
+            const uint32_t code = codes[i];
+            uint32_t length;
+            if (code - 3 < dictSize - 3) { // an entry
+                const Span entry = table[code];
+                length = entry.length;
+                if (length - 1 >= limit - at)
+                    return finish(End::Null); // an empty entry, or the text outgrows the limit
+                steps[count++] = entry;
+                table[dictSize++] = Span{previous, w + 1};
+            } else if (code & kLiteral) {
+                table[dictSize++] = Span{at, 1};
+                length = 1;
+                if (at == limit)
+                    return finish(End::Null);
+                steps[count++] = Span{code & 0xFFFF, kLiteral};
+                table[dictSize++] = Span{previous, w + 1};
+            } else { // the previous phrase and its own first character
+                length = w ? w + 1 : 0;
+                if (length > limit - at)
+                    return finish(End::Null);
+                steps[count++] = Span{previous, length | kSelf};
+                table[dictSize++] = Span{previous, length};
+            }
+            previous = at;
+            at += length;
+            w = length;
+        }
+    }
+    return finish(end);
+}
+
+// Writes the text by the plan.
+template <bool kFetch>
+void Write(const Span* steps, size_t count, char16_t* out, uint32_t at)
+{
+    for (size_t i = 0; i < count; ++i) {
+        if (kFetch)
+            Prefetch(out + steps[i + kAhead].offset);
+        const Span s = steps[i];
+        if (s.length < kSelf) {
+            CopyPhrase(out + at, out + s.offset, s.length);
+            at += s.length;
+        } else if (s.length & kLiteral) {
+            out[at++] = static_cast<char16_t>(s.offset);
+        } else {
+            const uint32_t phrase = s.length & ~kSelf;
+            CopySelf(out, at, s.offset, phrase);
+            at += phrase;
+        }
     }
 }
 
 template <typename Reader>
-QString Decode(const QChar* data, int length, int resetValue, qint64 limit)
+QString DecodeLarge(Reader& reader, size_t length, size_t maxCodes, qint64 limit)
 {
-    ScratchRelease release;
     Header header;
-    size_t count = 0;
-    const End end = ReadCodes(Reader(data, length, resetValue), size_t(length), header, count);
-    const uint32_t* codes = t_codes.words.get();
-    t_codes.used = count;
+    if (ReadHeader(reader, header) == End::Empty)
+        return EmptyText();
+    Span* steps = reinterpret_cast<Span*>(t_steps.Ensure(maxCodes + kAhead, 0));
     // At most two entries a code, after the 4 fixed ones.
-    static_assert(sizeof(Span) == 2 * sizeof(uint32_t), "a span is two words");
-    Span* table = reinterpret_cast<Span*>(t_table.Ensure(2 * (2 * count + 8), 0));
-    uint64_t size = 0;
-    size_t entries = 4;
-    // Small streams stay in the cache: fetching ahead would only cost there.
-    const bool fetch = count > kFetchFrom;
-    const End measured = fetch ? Measure<true>(header, codes, count, table, limit, size, entries)
-                               : Measure<false>(header, codes, count, table, limit, size, entries);
-    t_table.used = 2 * entries;
-    // A stream that breaks off still fails as Null where a code before the break does.
-    if (measured == End::Null)
-        return QString();
+    Span* table = reinterpret_cast<Span*>(t_table.Ensure(2 * maxCodes + 8, 0));
+    Plan plan;
+    // Smaller streams stay in the cache: fetching ahead would only cost there.
+    const bool fetch = length > kFetchFrom;
+    const uint32_t first = header.hasFirst ? 1 : 0;
+    const End end = fetch ? MakePlan<true>(reader, first, table, steps, uint32_t(limit), plan)
+                          : MakePlan<false>(reader, first, table, steps, uint32_t(limit), plan);
+    t_steps.used = plan.steps + kAhead;
+    t_table.used = plan.entries;
     if (end != End::Text)
         return end == End::Null ? QString() : EmptyText();
-    QString text(static_cast<int>(size + kSlack), Qt::Uninitialized);
+    QString text(static_cast<int>(plan.size + kSlack), Qt::Uninitialized);
     char16_t* out = reinterpret_cast<char16_t*>(text.data());
+    if (header.hasFirst)
+        out[0] = header.first;
+    // The steps end in kAhead blank ones, so fetching ahead needs no bound; a
+    // literal's character fetched as an offset is a harmless hint.
+    for (size_t i = 0; i < kAhead; ++i)
+        steps[plan.steps + i] = Span{0, 0};
     if (fetch)
-        Write<true>(header, codes, count, out, table);
+        Write<true>(steps, plan.steps, out, first);
     else
-        Write<false>(header, codes, count, out, table);
-    text.resize(static_cast<int>(size)); // shrinking keeps the buffer
+        Write<false>(steps, plan.steps, out, first);
+    text.resize(static_cast<int>(plan.size)); // shrinking keeps the buffer
     return text;
+}
+
+// \a bitsPerCharacter: what the reset value gives, 15 for the UTF-16 form.
+template <typename Reader>
+QString Decode(Reader reader, size_t length, int bitsPerCharacter, qint64 limit)
+{
+    ScratchRelease release;
+    // Every code starts before the input's last bit.
+    const size_t maxCodes = MaxCodes(uint64_t(length) * bitsPerCharacter + 64);
+    if (length <= size_t(kOnePassUpTo)) {
+        // At most two entries a code, after the 4 fixed ones.
+        Span* table = reinterpret_cast<Span*>(t_table.Ensure(2 * maxCodes + 8, 0));
+        return DecodeSmall(reader, table, uint64_t(length) * 4 + 64, limit);
+    }
+    return DecodeLarge(reader, length, maxCodes, limit);
 }
 
 qint64 Bounded(qint64 limit)
@@ -435,9 +606,16 @@ QString _decompress(int length, int resetValue, const QChar* data, qint64 maxLen
 {
     if (length <= 0 || !data || resetValue <= 0)
         return EmptyText();
-    if (resetValue == 16384)
-        return Decode<FastReader>(data, length, resetValue, Bounded(maxLength));
-    return Decode<ClassicReader>(data, length, resetValue, Bounded(maxLength));
+    if (resetValue == 16384) {
+        uint64_t* packed = t_packed.Ensure(PackedWords(size_t(length)), 0);
+        t_packed.used = PackedWords(size_t(length));
+        Pack(reinterpret_cast<const char16_t*>(data), size_t(length), packed);
+        return Decode(PackedReader(packed, size_t(length)), size_t(length), 15, Bounded(maxLength));
+    }
+    int bitsPerCharacter = 0; // the reset value's highest bit and those below
+    while ((qint64(1) << bitsPerCharacter) <= resetValue)
+        ++bitsPerCharacter;
+    return Decode(ClassicReader(data, length, resetValue), size_t(length), bitsPerCharacter, Bounded(maxLength));
 }
 
 QString decompressFromUTF16(const QString& compressed)

@@ -13,6 +13,31 @@
 
 // --- the calling pattern ------------------------------------------------------------
 
+namespace {
+
+// The text a synchronous FinishApiRequest is emitting in this thread. A content call's handler
+// that finds its own request's text here claims it instead of copying it; the road moves it to
+// the claimer once every slot has seen it. Nested requests (from a slot) stack.
+struct SOfferedText {
+    std::wstring* text;
+    std::wstring* claimer = nullptr;
+};
+thread_local SOfferedText* t_offered = nullptr;
+
+} // namespace
+
+void CQMMemberWebService::FinishSyncRequest(std::wstring& resultText, bool serverBusy, const QString& kGuid)
+{
+    SOfferedText offer{&resultText};
+    SOfferedText* const outer = t_offered;
+    t_offered = &offer;
+    // A slot may destroy this object: nothing of it is touched after the emit.
+    emit FinishApiRequest(resultText, serverBusy, kGuid);
+    t_offered = outer;
+    if (offer.claimer)
+        *offer.claimer = std::move(resultText);
+}
+
 CQMMemberWebService::EWSResult CQMMemberWebService::ContentSyncRequest(
     std::wstring path, std::string body, int timeoutMs, bool needLogin,
     const std::function<void(const std::wstring&)>& onFinish, std::wstring replyKey)
@@ -53,7 +78,13 @@ CQMMemberWebService::EWSResult CQMMemberWebService::ContentSyncRequest(std::wstr
                                                                        std::wstring& out)
 {
     return ContentSyncRequest(std::move(path), std::move(body), timeoutMs, needLogin,
-                              [&out](const std::wstring& text) { out = text; });
+                              [&out](const std::wstring& text) {
+                                  // The request's id matched already; the text is this request's.
+                                  if (t_offered && t_offered->text == &text && !t_offered->claimer)
+                                      t_offered->claimer = &out;
+                                  else
+                                      out = text;
+                              });
 }
 
 // --- catalogue ---------------------------------------------------------------------------

@@ -191,6 +191,9 @@ CQMMemberWebService::EWSResult CQMMemberWebService::DoApiRequest(std::wstring pa
     };
 
     if (sync) {
+        // Without a reply key the body goes to the parser as received, never widened.
+        const bool asBytes = replyKey.empty();
+        request->SetReplyAsBytes(asBytes);
         std::wstring reply;
         std::wstring replyHeaders;
         const bool ok = body.empty()
@@ -205,17 +208,23 @@ CQMMemberWebService::EWSResult CQMMemberWebService::DoApiRequest(std::wstring pa
         const EWSResult connection = ConnectionEndProcess(proxyAccount, proxyPassword, true, ok, kGuid);
         if (!self)
             return connection;
-        // `reply` already holds the request's return data (PostSync / GetSync fill it).
-        applyReplyKey(reply);
+        // `reply` already holds the request's return data (PostSync / GetSync fill it), or
+        // the request keeps it as bytes.
         std::wstring resultText;
         const CQMSentToken sent(accessToken);
-        EWSResult result =
-            ExtractApiResult(path, body, timeoutMs, needLogin, sync, std::move(reply), resultText, kGuid);
+        EWSResult result = WS_OK;
+        if (asBytes) {
+            result = ExtractApiResult(path, body, timeoutMs, needLogin, sync, request->TakeReturnBytes(), resultText,
+                                      kGuid);
+        } else {
+            applyReplyKey(reply);
+            result = ExtractApiResult(path, body, timeoutMs, needLogin, sync, std::move(reply), resultText, kGuid);
+        }
         if (!self)
             return result;
         if (request->GetNetLastError() == 499)
             result = WS_SERVER_BUSY;
-        emit FinishApiRequest(resultText, result == WS_SERVER_BUSY, kGuid);
+        FinishSyncRequest(resultText, result == WS_SERVER_BUSY, kGuid);
         return result;
     }
 
@@ -402,14 +411,85 @@ CQMMemberWebService::EWSResult CQMMemberWebService::ExtractApiResult(std::wstrin
                                                                      std::wstring reply,
                                                                      std::wstring& resultText, QString kGuid)
 {
+    // The wide reply goes before the parse: a large reply is not held wide and parsed at once.
+    std::string utf8 = QMText::ToUtf8(reply);
+    std::wstring().swap(reply);
+    return ExtractApiResult(std::move(path), std::move(body), timeoutMs, needLogin, sync, std::move(utf8), resultText,
+                            std::move(kGuid));
+}
+
+namespace {
+
+// The result text at its final size, straight from Qt's compact JSON, which is UTF-8 that
+// Qt's own decoder reads code point for code point. Anything else takes Qt's road, as does a
+// two-byte wchar_t, where QString's UTF-16 already is the result.
+std::wstring WideFromUtf8(const QByteArray& utf8)
+{
+    const char* const begin = utf8.constData();
+    const size_t size = static_cast<size_t>(utf8.size());
+    if (QMText::IsAscii(begin, size))
+        return std::wstring(begin, begin + size);
+    const auto qtRoad = [&utf8] { return QString::fromUtf8(utf8).toStdWString(); };
+    if (sizeof(wchar_t) < 4 || (size >= 3 && utf8.startsWith("\xEF\xBB\xBF")))
+        return qtRoad(); // Qt drops a leading byte order mark
+    const auto* bytes = reinterpret_cast<const unsigned char*>(begin);
+    size_t count = 0;
+    for (size_t i = 0; i < size; ++count) {
+        const unsigned char lead = bytes[i];
+        size_t length = 1;
+        char32_t least = 0;
+        if (lead >= 0xF0 && lead <= 0xF4)
+            length = 4, least = 0x10000;
+        else if (lead >= 0xE0 && lead <= 0xEF)
+            length = 3, least = 0x800;
+        else if (lead >= 0xC2 && lead <= 0xDF)
+            length = 2, least = 0x80;
+        else if (lead >= 0x80)
+            return qtRoad();
+        if (length > size - i)
+            return qtRoad();
+        char32_t point = lead & (0x7F >> length);
+        for (size_t k = 1; k < length; ++k) {
+            if ((bytes[i + k] & 0xC0) != 0x80)
+                return qtRoad();
+            point = (point << 6) | (bytes[i + k] & 0x3F);
+        }
+        if (point < least || point > 0x10FFFF || (point >= 0xD800 && point <= 0xDFFF))
+            return qtRoad();
+        i += length;
+    }
+    std::wstring text(count, L'\0');
+    wchar_t* out = &text[0];
+    for (size_t i = 0; i < size; ++out) {
+        const unsigned char lead = bytes[i];
+        const size_t length = lead < 0x80 ? 1 : lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
+        char32_t point = length == 1 ? lead : lead & (0x7F >> length);
+        for (size_t k = 1; k < length; ++k)
+            point = (point << 6) | (bytes[i + k] & 0x3F);
+        *out = static_cast<wchar_t>(point);
+        i += length;
+    }
+    return text;
+}
+
+} // namespace
+
+CQMMemberWebService::EWSResult CQMMemberWebService::ExtractApiResult(std::wstring path, std::string body,
+                                                                     int timeoutMs, bool needLogin, bool sync,
+                                                                     std::string utf8Reply,
+                                                                     std::wstring& resultText, QString kGuid)
+{
+    // What the wide road reads: each sequence that is not UTF-8 becomes a replacement character
+    // (and a leading byte order mark goes). ASCII is read as it is, without a copy.
+    if (!QMText::IsAscii(utf8Reply.data(), utf8Reply.size()))
+        utf8Reply = QString::fromUtf8(utf8Reply.data(), static_cast<int>(utf8Reply.size())).toStdString();
     int apiStatus = 0;
     int status = -1;
     QJsonDocument document;
-    // The wide reply goes before the parse: a large reply is not held wide and parsed at once.
-    QByteArray utf8 = QMText::ToUtf8Bytes(reply);
-    std::wstring().swap(reply);
-    const bool parsed = ParseJsonResult(utf8, apiStatus, status, document);
-    utf8 = QByteArray();
+    const bool parsed = ParseJsonResult(QByteArray::fromRawData(utf8Reply.data(), static_cast<int>(utf8Reply.size())),
+                                        apiStatus, status, document);
+    // The reply goes before anything else is made from it.
+    std::string().swap(utf8Reply);
     if (!parsed)
         return WS_PARSE_CONTENT_FAIL;
 
@@ -435,9 +515,9 @@ CQMMemberWebService::EWSResult CQMMemberWebService::ExtractApiResult(std::wstrin
             else if (data.isArray())
                 compact = QJsonDocument(data.toArray()).toJson(QJsonDocument::Compact);
         }
-        // The parsed reply goes before the wide copy is made.
+        // The parsed reply goes before the wide text is made.
         document = QJsonDocument();
-        resultText = QMText::FromUtf8(compact);
+        resultText = WideFromUtf8(compact);
     }
     if (apiStatus == WS_SERVER_BUSY)
         return WS_SERVER_BUSY;

@@ -95,6 +95,15 @@ std::wstring CHttpRequest::GetReturnData() const
     return m_strReply;
 }
 
+std::string CHttpRequest::TakeReturnBytes()
+{
+    std::string body = std::move(m_kReplyBody);
+    m_kReplyBody.clear();
+    std::wstring().swap(m_strReply);
+    m_bReplyConverted = false;
+    return body;
+}
+
 std::wstring CHttpRequest::GetParameters() const
 {
     return QString::fromStdString(m_strLastMethod + " " + m_strLastUrl).toStdWString();
@@ -170,7 +179,7 @@ bool CHttpRequest::Perform(const char* method, const wchar_t* host, const wchar_
     // Straight into the caller's string: a large reply is not also kept wide here (GetReturnData
     // makes that copy only when asked).
     if (reply)
-        *reply = Wide(m_kReplyBody);
+        *reply = m_bReplyAsBytes ? std::wstring() : Wide(m_kReplyBody);
     return completed;
 }
 

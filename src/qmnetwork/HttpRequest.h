@@ -69,6 +69,11 @@ public:
                   std::wstring contentType);
 
     std::wstring GetReturnData() const;
+    /// With \a bytes true the next sync calls leave their wide \a reply argument empty, and the
+    /// body is taken as received with TakeReturnBytes: a large UTF-8 reply is not widened.
+    void SetReplyAsBytes(bool bytes) { m_bReplyAsBytes = bytes; }
+    /// The body of the last exchange as received, moved out: GetReturnData is empty after.
+    std::string TakeReturnBytes();
     unsigned int GetNetLastError() const { return m_nLastError; }
     /// The HTTP status of the last completed exchange, 0 when none completed.
     int GetHttpStatus() const { return m_nHttpStatus; }
@@ -106,6 +111,7 @@ private:
 
     bool m_bSync;
     bool m_bRequestFlag = true;
+    bool m_bReplyAsBytes = false;
     std::vector<std::pair<std::string, std::string>> m_kHeaders;
     std::string m_kReplyBody;
     mutable std::wstring m_strReply; // m_kReplyBody as wide text, made when first asked for

@@ -18,6 +18,28 @@ const char* const kDemoEmail = "demo@quillmarsh.test";
 using Service = TestService;
 using Call = std::function<int(Service&, std::wstring&)>;
 
+// Reads replies without a request: the bytes as received, and the wide text the asynchronous road reads.
+class ReplyService : public TestService
+{
+public:
+    using TestService::TestService;
+    using CQMMemberWebService::ExtractApiResult;
+};
+
+// What the road must give for a reply: Qt's reading of the text (each sequence that is not
+// UTF-8 replaced) and the compact JSON of its "data", decoded by Qt.
+std::pair<int, std::wstring> QtReading(const QByteArray& reply)
+{
+    const QJsonDocument document = QJsonDocument::fromJson(QString::fromUtf8(reply).toUtf8());
+    if (document.isNull())
+        return {-12, std::wstring()};
+    const QJsonValue data = document.object().value("result").toObject().value("data");
+    const QByteArray compact = data.isObject()  ? QJsonDocument(data.toObject()).toJson(QJsonDocument::Compact)
+                               : data.isArray() ? QJsonDocument(data.toArray()).toJson(QJsonDocument::Compact)
+                                                : QByteArray();
+    return {2, QString::fromUtf8(compact).toStdWString()};
+}
+
 std::wstring W(const QString& text)
 {
     return text.toStdWString();
@@ -186,6 +208,8 @@ private slots:
         QTest::addColumn<QString>("out"); // "<data>": the metadata reply
         QTest::newRow("success") << QJsonObject() << "" << true << 2 << "<data>";
         QTest::newRow("failing status") << QJsonObject{{"status", 3}} << "" << true << 3 << "";
+        QTest::newRow("expired once: the repeated request's text")
+            << QJsonObject{{"status", 6}, {"times", 1}} << "" << true << 2 << "<data>";
         QTest::newRow("reply dropped") << QJsonObject{{"drop", true}} << "" << true << -12 << "before";
         QTest::newRow("failed connection") << QJsonObject() << "127.0.0.1:1" << true << -12 << "before";
         QTest::newRow("no login") << QJsonObject() << "" << false << -1 << "before";
@@ -254,6 +278,69 @@ private slots:
         QVERIFY(!Q(types).contains("DEMO-0003"));
         const QString list = Q(finished.last().at(0).value<std::wstring>());
         QVERIFY(list.contains("DEMO-0003") && list.contains("DEMO-0005"));
+    }
+
+    // The result text is Qt's compact JSON of "data" however the reply spells it, and every
+    // slot of FinishApiRequest sees the same text that the output receives.
+    void awkwardRepliesGiveQtsCompactText_data()
+    {
+        QTest::addColumn<QString>("data");
+        QTest::newRow("key order, numbers")
+            << "{\"b\":1,\"a\":[1.0,-0,1E2,0.1,12345678901234567890,1.5e-7,9007199254740993],\"A\":null,\"\u00e9\":true}";
+        QTest::newRow("escapes") << "[\"\\\"\\\\\\/\\b\\f\\n\\r\\t\",\"\\u0000\\u001f\\u007f\",\"\\ud800x\",\"\\udc00\",\"\\u2028\"]";
+        QTest::newRow("beyond ASCII")
+            << QString::fromUtf8("[\"\u00e9\u4e2d\",\"\U0001F600\",\"\\ud83d\\ude00\",\"a\ufeffb\",\"\uffff\\ufffd\"]");
+        QTest::newRow("data neither object nor array") << "7";
+    }
+    void awkwardRepliesGiveQtsCompactText()
+    {
+        QFETCH(QString, data);
+        const QByteArray reply = Envelope(data).toUtf8();
+        m_server.Fault({{"path", "/ContentManager/v3/Content/MetaData"}, {"body", QString::fromUtf8(reply)}});
+        Service service(kProduct, false, 10000, 0);
+        QSignalSpy finished(&service, &CQMMemberWebService::FinishApiRequest);
+        std::wstring text = L"before";
+        QCOMPARE(int(service.GetContentMetaData(L"P", L"1", {L"a"}, 0, 1, text, 5000)), 2);
+        QCOMPARE(text, QtReading(reply).second);
+        QCOMPARE(finished.size(), 1);
+        QCOMPARE(finished.first().at(0).value<std::wstring>(), text);
+    }
+
+    // Bytes as received, valid or not, give the code and text of Qt's reading, on the bytes
+    // road and on the wide one alike.
+    void replyBytesReadAsQtReadsThem_data()
+    {
+        QTest::addColumn<QByteArray>("reply");
+        const QByteArray head = "{\"apiStatus\":2,\"result\":{\"status\":2,\"data\":[\"";
+        const QByteArray tail = "\"]}}";
+        QTest::newRow("ASCII") << head + "plain" + tail;
+        QTest::newRow("Latin-1 byte") << head + "caf\xe9" + tail;
+        QTest::newRow("stray continuation byte") << head + "a\x80z" + tail;
+        QTest::newRow("overlong slash") << head + "\xc0\xaf" + tail;
+        QTest::newRow("surrogate in UTF-8") << head + "\xed\xa0\x80" + tail;
+        QTest::newRow("above U+10FFFF") << head + "\xf4\x90\x80\x80" + tail;
+        QTest::newRow("sequence cut by the quote") << head + "\xe4\xb8" + tail;
+        QTest::newRow("cut at the end") << head + "x" + tail + "\xf0\x9f";
+        QTest::newRow("byte order mark first") << "\xef\xbb\xbf" + head + "x" + tail;
+        QTest::newRow("valid four-byte") << head + "\xf0\x9f\x98\x80" + tail;
+        QTest::newRow("not JSON") << QByteArray("\xff\xfe{");
+        QTest::newRow("empty") << QByteArray();
+    }
+    void replyBytesReadAsQtReadsThem()
+    {
+        QFETCH(QByteArray, reply);
+        ReplyService service(kProduct, false, 10000, 0);
+        const std::pair<int, std::wstring> expected = QtReading(reply);
+        std::wstring bytesText;
+        QCOMPARE(int(service.ExtractApiResult(L"/x", std::string(), 1000, false, true, reply.toStdString(), bytesText,
+                                              "id")),
+                 expected.first);
+        QCOMPARE(bytesText, expected.second);
+        std::wstring wideText;
+        QCOMPARE(int(service.ExtractApiResult(L"/x", std::string(), 1000, false, true,
+                                              QString::fromUtf8(reply).toStdWString(), wideText, "id")),
+                 expected.first);
+        QCOMPARE(wideText, expected.second);
     }
 
     void unknownListTypeIsRefused()

@@ -20,15 +20,19 @@ QString ReadUtf16(const QString& file)
 }
 
 // Builds a stream as the encoder would: numbers least significant bit first,
-// 15 bits to a character, offset by 32.
+// 15 bits to a character (or as many as a reset value gives), offset by 32.
 class Stream
 {
 public:
+    explicit Stream(int bitsPerCharacter = 15)
+        : m_bits(bitsPerCharacter)
+    {
+    }
     Stream& Bits(int value, int count)
     {
         for (int i = 0; i < count; ++i) {
             m_value = (m_value << 1) | ((value >> i) & 1);
-            if (++m_position == 15) {
+            if (++m_position == m_bits) {
                 m_text.append(QChar(ushort(m_value + 32)));
                 m_value = 0;
                 m_position = 0;
@@ -40,15 +44,34 @@ public:
     {
         QString text = m_text;
         if (m_position > 0)
-            text.append(QChar(ushort((m_value << (15 - m_position)) + 32)));
+            text.append(QChar(ushort((m_value << (m_bits - m_position)) + 32)));
         return text;
     }
 
 private:
+    int m_bits;
     QString m_text;
     int m_value = 0;
     int m_position = 0;
 };
+
+// "x" and then \a n references to it, ended by \a last (2: the end marker)
+// unless \a last is negative: long streams that give short texts.
+QString Repeats(int n, int last = 2, int bitsPerCharacter = 15)
+{
+    Stream stream(bitsPerCharacter);
+    stream.Bits(0, 2).Bits('x', 8);
+    int dictSize = 4;
+    int numBits = 3;
+    for (int i = 0; i < n; ++i) {
+        stream.Bits(3, numBits);
+        if (++dictSize == 1 << numBits)
+            ++numBits;
+    }
+    if (last >= 0)
+        stream.Bits(last == 2 ? 2 : dictSize + 1, numBits);
+    return stream.Done();
+}
 
 // "x" and then \a n self-references: phrases of 2, 3 .. n + 1 characters.
 QString SelfReferences(int n)
@@ -136,6 +159,11 @@ private slots:
         QTest::newRow("beyond the next code") << Stream().Bits(0, 2).Bits('x', 8).Bits(6, 3).Done() << "<null>";
         QTest::newRow("16-bit literal") << Stream().Bits(1, 2).Bits(0x4e2d, 16).Bits(2, 3).Done() << "\u4e2d";
         QTest::newRow("no end marker") << Stream().Bits(0, 2).Bits('x', 8).Bits(3, 3).Done() << "";
+        // Streams of over 4096 characters take the decoder's two-pass road.
+        QTest::newRow("long stream") << Repeats(6000) << QString(6001, QLatin1Char('x'));
+        QTest::newRow("long stream, beyond the next code") << Repeats(6000, 0) << "<null>";
+        // 5998 codes end on a character's last bit: nothing past the end is read as a code.
+        QTest::newRow("long stream, no end marker") << Repeats(5998, -1) << "";
     }
     void craftedStreams()
     {
@@ -152,20 +180,21 @@ private slots:
 
     void outputLimit_data()
     {
-        QTest::addColumn<int>("references");
+        QTest::addColumn<QString>("stream");
         QTest::addColumn<qint64>("limit"); // 0: the default, for replies
         QTest::addColumn<int>("length");   // -1: a null result
-        QTest::newRow("at the limit") << 100 << qint64(5151) << 5151;
-        QTest::newRow("one over the limit") << 100 << qint64(5150) << -1;
+        QTest::newRow("at the limit") << SelfReferences(100) << qint64(5151) << 5151;
+        QTest::newRow("one over the limit") << SelfReferences(100) << qint64(5150) << -1;
         // 35 KB of stream that would decode to 200 Mi characters (400 MB).
-        QTest::newRow("over the default limit") << 20000 << qint64(0) << -1;
+        QTest::newRow("over the default limit") << SelfReferences(20000) << qint64(0) << -1;
+        QTest::newRow("long stream at the limit") << Repeats(6000) << qint64(6001) << 6001;
+        QTest::newRow("long stream one over the limit") << Repeats(6000) << qint64(6000) << -1;
     }
     void outputLimit()
     {
-        QFETCH(int, references);
+        QFETCH(QString, stream);
         QFETCH(qint64, limit);
         QFETCH(int, length);
-        const QString stream = SelfReferences(references);
         const long peakBefore = PeakKiB();
         const QString decoded
             = limit ? LZString::decompressFromUTF16(stream, limit) : LZString::decompressFromUTF16(stream);
@@ -188,26 +217,19 @@ private slots:
         QVERIFY(LZString::keyStrUriSafe.endsWith(QLatin1String("+-$")));
     }
 
-    void otherResetValuesReadBitByBit()
+    void otherResetValues_data()
     {
-        // 8 payload bits a character: "a" is header 0, 'a', end marker 2, no offset beyond 32.
-        QVector<QChar> data;
-        int value = 0;
-        int position = 0;
-        auto bits = [&](int number, int count) {
-            for (int i = 0; i < count; ++i) {
-                value = (value << 1) | ((number >> i) & 1);
-                if (++position == 8) {
-                    data.append(QChar(ushort(value + 32)));
-                    value = position = 0;
-                }
-            }
-        };
-        bits(0, 2);
-        bits('a', 8);
-        bits(2, 3);
-        data.append(QChar(ushort((value << (8 - position)) + 32)));
-        QCOMPARE(LZString::_decompress(data.size(), 128, data.constData()), QStringLiteral("a"));
+        QTest::addColumn<QString>("stream");
+        QTest::addColumn<QString>("expected");
+        // 8 payload bits a character: header 0, 'a', end marker 2.
+        QTest::newRow("short") << Stream(8).Bits(0, 2).Bits('a', 8).Bits(2, 3).Done() << "a";
+        QTest::newRow("long") << Repeats(6000, 2, 8) << QString(6001, QLatin1Char('x'));
+    }
+    void otherResetValues()
+    {
+        QFETCH(QString, stream);
+        QFETCH(QString, expected);
+        QCOMPARE(LZString::_decompress(stream.size(), 128, stream.constData()), expected);
     }
 };
 
