@@ -2,6 +2,7 @@
 
 #include "QMMemberWebService.h"
 #include "S3Client.h"
+#include "../compat/QueuedCall.h"
 
 #include <QCryptographicHash>
 #include <QDateTime>
@@ -105,7 +106,7 @@ void CQMContentPublishJob::kill()
 
 void CQMContentPublishJob::Post(std::function<void()> work)
 {
-    QMetaObject::invokeMethod(this, std::move(work), Qt::QueuedConnection);
+    QMetaObject::invokeMethod(this, QMCompat::Queued(std::move(work)), Qt::QueuedConnection);
 }
 
 void CQMContentPublishJob::InWorker(std::function<void()> work)

@@ -3,6 +3,7 @@
 
 #include "HostConfig.h"
 #include "ServicePrivate.h"
+#include "../compat/QueuedCall.h"
 #include "../qmnetwork/HttpRequest.h"
 #include "../qmnetwork/QMNetworkCenter.h"
 #include "../registry/QMRegistryAgent.h"
@@ -318,7 +319,7 @@ void CQMWorkerLink::Post(std::function<void(CQMMemberWebService*)> work)
     // Posted under the lock: an owner that dies after this drops the event with itself.
     CQMMemberWebService* owner = m_owner;
     QMetaObject::invokeMethod(
-        owner, [owner, work = std::move(work)] { work(owner); }, Qt::QueuedConnection);
+        owner, QMCompat::Queued([owner, work = std::move(work)] { work(owner); }), Qt::QueuedConnection);
 }
 
 void CQMWorkerLink::SetInner(CQMMemberWebService* inner)

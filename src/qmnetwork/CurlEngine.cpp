@@ -1,6 +1,7 @@
 #include "CurlEngine.h"
 
 #include "HttpRequest.h"
+#include "../compat/QueuedCall.h"
 
 #include <QAbstractEventDispatcher>
 #include <QCoreApplication>
@@ -1076,9 +1077,11 @@ void AsyncJob::Deliver(bool here)
         return;
     }
     // Queued to the owner's thread; Qt drops the call if the owner dies before it runs.
-    auto result = std::make_shared<Outcome>(std::move(outcome));
+    // The functor alone holds the outcome: this thread keeps nothing the owner reads.
     QMetaObject::invokeMethod(
-        owner, [owner, result]() { owner->DeliverAsync(std::move(*result)); }, Qt::QueuedConnection);
+        owner,
+        QMCompat::Queued([owner, result = std::move(outcome)]() mutable { owner->DeliverAsync(std::move(result)); }),
+        Qt::QueuedConnection);
 }
 
 } // namespace QMNet

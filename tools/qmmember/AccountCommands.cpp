@@ -3,6 +3,7 @@
 #include "Terminal.h"
 
 #include "QMRegistryAgent.h"
+#include "../../src/compat/QueuedCall.h"
 
 #include <QCoreApplication>
 #include <QCryptographicHash>
@@ -174,7 +175,7 @@ int LoginInBrowser(Context& c)
                                                               int failuresInRow) {
         const QString words = QString::fromStdWString(text);
         QMetaObject::invokeMethod(
-            &service, [=] { pollFailed(netError, words, failuresInRow); }, Qt::QueuedConnection);
+            &service, QMCompat::Queued([=] { pollFailed(netError, words, failuresInRow); }), Qt::QueuedConnection);
     });
 
     QObject::connect(&service, &CQMMemberWebService::LoginResult, &service,

@@ -3,6 +3,7 @@
 #include "QMMemberWebService.h"
 #include "QMQApplicationAgent.h"
 
+#include "compat/QueuedCall.h"
 #include "registry/QMRegistryAgent.h"
 
 #include <QCoreApplication>
@@ -50,7 +51,7 @@ int main()
     static QMRegistryTool::CQMRegistryAgent agent;
     CQMMemberWebService::SetRegistryInterface(&agent);
     std::promise<std::wstring> finished;
-    QMetaObject::invokeMethod(QCoreApplication::instance(), [&finished] {
+    QMetaObject::invokeMethod(QCoreApplication::instance(), QMCompat::Queued([&finished] {
         auto* service = new CQMMemberWebService(0);
         QObject::connect(service,
                          QOverload<const std::wstring&, bool, QString>::of(&CQMMemberWebService::FinishApiRequest),
@@ -60,12 +61,12 @@ int main()
                          });
         service->DoApiRequest(L"/qmtest/echo", std::string(), 10000, false, false,
                               CQMMemberWebService::GenerateApiRequestID());
-    });
+    }));
     auto result = finished.get_future();
     const bool arrived = result.wait_for(std::chrono::seconds(20)) == std::future_status::ready;
     const bool ok = arrived && result.get().find(L"/qmtest/echo") != std::wstring::npos;
 
-    QMetaObject::invokeMethod(QCoreApplication::instance(), [] { QCoreApplication::quit(); });
+    QMetaObject::invokeMethod(QCoreApplication::instance(), QMCompat::Queued([] { QCoreApplication::quit(); }));
     loop.join();
     std::system((std::string("pkill -TERM -f -- '--state ") + state + "'").c_str());
     pclose(server);

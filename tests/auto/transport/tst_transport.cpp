@@ -1,5 +1,6 @@
 #include "ServerFixture.h"
 #include "LZString/LZString.h"
+#include "compat/QueuedCall.h"
 #include "qmnetwork/HttpRequest.h"
 #include "qmnetwork/QMNetworkCenter.h"
 #include "registry/RegistryStore.h"
@@ -156,29 +157,27 @@ private slots:
                 [&, raw](std::wstring) {
                     if (QThread::currentThread() != raw->thread())
                         ++wrongThread;
-                    QMetaObject::invokeMethod(this, [&, raw] {
+                    QMetaObject::invokeMethod(this, QMCompat::Queued([&, raw] {
                         ++finished[raw];
                         ++done;
-                    });
+                    }));
                 },
                 Qt::DirectConnection);
             requests.push_back(std::move(request));
         }
         for (int i = 0; i < kCount; ++i) {
             CHttpRequest* raw = requests[i].get();
-            QMetaObject::invokeMethod(raw, [this, raw] { raw->GetAsync(m_host, L"/qmtest/echo", 10000, false, L""); });
+            QMetaObject::invokeMethod(
+                raw, QMCompat::Queued([this, raw] { raw->GetAsync(m_host, L"/qmtest/echo", 10000, false, L""); }));
         }
         QTRY_COMPARE_WITH_TIMEOUT(done, kCount, 20000);
         QTest::qWait(50); // nothing arrives twice
         QCOMPARE(done, kCount);
         QCOMPARE(int(finished.size()), kCount);
         QCOMPARE(wrongThread, 0);
-        // Deleted in their thread before it is told to quit: a quit may overtake posted calls.
         for (auto& request : requests) {
-            if (request->thread() != thread()) {
-                CHttpRequest* raw = request.release();
-                QMetaObject::invokeMethod(raw, [raw] { delete raw; }, Qt::BlockingQueuedConnection);
-            }
+            if (request->thread() != thread())
+                request.release()->deleteLater(); // posted to the request's own thread
         }
     }
 
