@@ -513,6 +513,16 @@ unsigned int Engine::MapError(CURLcode code, const Handle& handle)
     }
 }
 
+void Engine::Complete(const Handle& handle, CURLcode code, Outcome& outcome, const char* road)
+{
+    Finish(handle, code, outcome);
+    if (code != CURLE_OK) {
+        outcome.netError = MapError(code, handle);
+        outcome.errorText = ErrorText(code, handle);
+        qCDebug(lcNet) << "QMNet::Engine" << road << curl_easy_strerror(code) << handle.errors;
+    }
+}
+
 std::string Engine::ErrorText(CURLcode code, const Handle& handle)
 {
     if (handle.overflow || code == CURLE_FILESIZE_EXCEEDED)
@@ -550,12 +560,7 @@ Outcome Engine::Perform(const Exchange& exchange)
     }
     Configure(*handle, exchange, outcome);
     const CURLcode code = curl_easy_perform(handle->easy);
-    Finish(*handle, code, outcome);
-    if (code != CURLE_OK) {
-        outcome.netError = MapError(code, *handle);
-        outcome.errorText = ErrorText(code, *handle);
-        qCDebug(lcNet) << "QMNet::Engine::Perform" << curl_easy_strerror(code) << handle->errors;
-    }
+    Complete(*handle, code, outcome, "sync");
     handle->body = nullptr;
     handle->headers = nullptr;
     if (handle->trust->generation != d->generation.load()) {
@@ -889,12 +894,7 @@ void LoopDriver::Act(curl_socket_t socket, int mask)
             Handle* handle = found->second;
             std::shared_ptr<AsyncJob> job = handle->job;
             const CURLcode code = message->data.result;
-            Finish(*handle, code, job->outcome);
-            if (code != CURLE_OK) {
-                job->outcome.netError = Engine::MapError(code, *handle);
-                job->outcome.errorText = Engine::ErrorText(code, *handle);
-                qCDebug(lcNet) << "QMNet::Engine async" << curl_easy_strerror(code) << handle->errors;
-            }
+            Engine::Complete(*handle, code, job->outcome, "async");
             job->easy = nullptr;
             Release(handle);
             done.push_back(std::move(job));
@@ -1048,12 +1048,7 @@ void Engine::RunAsyncLoop()
             Handle* handle = found->second;
             std::shared_ptr<AsyncJob> job = handle->job;
             const CURLcode code = message->data.result;
-            Finish(*handle, code, job->outcome);
-            if (code != CURLE_OK) {
-                job->outcome.netError = MapError(code, *handle);
-                job->outcome.errorText = ErrorText(code, *handle);
-                qCDebug(lcNet) << "QMNet::Engine async" << curl_easy_strerror(code) << handle->errors;
-            }
+            Complete(*handle, code, job->outcome, "async");
             job->easy = nullptr;
             release(handle);
             job->Deliver();

@@ -98,6 +98,8 @@ private:
     void Configure(Handle& handle, const Exchange& exchange, Outcome& outcome);
     static unsigned int MapError(CURLcode code, const Handle& handle);
     static std::string ErrorText(CURLcode code, const Handle& handle);
+    /// Fills \a outcome from a finished exchange: status, or the error code and its text.
+    static void Complete(const Handle& handle, CURLcode code, Outcome& outcome, const char* road);
     void RunAsyncLoop();
 
     friend class LoopDriver;
