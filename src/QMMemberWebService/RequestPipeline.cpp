@@ -247,21 +247,29 @@ CQMMemberWebService::EWSResult CQMMemberWebService::DoApiRequest(std::wstring pa
     connections->first = connect(
         request, &CHttpRequest::FinishedAsync, this,
         [this, request, path, body, timeoutMs, needLogin, sync, kGuid, replyKey, guard, disconnectBoth,
-         applyReplyKey, accessToken](std::wstring) mutable {
+         applyReplyKey, accessToken](const std::wstring&) mutable {
             disconnectBoth();
             const QPointer<CQMMemberWebService> self(this);
             ConnectionEndProcess(request->GetProxyAccount(), request->GetProxyPW(), true,
                                  request->GetHttpStatus() != 0, kGuid);
             if (!self)
                 return;
-            std::wstring reply = request->GetReturnData();
-            applyReplyKey(reply);
+            std::string bytes = request->TakeReturnBytes();
             std::wstring resultText;
             EWSResult result = WS_OK;
             {
                 const CQMSentToken sent(accessToken);
-                result = ExtractApiResult(path, body, timeoutMs, needLogin, sync, std::move(reply), resultText,
-                                          kGuid);
+                if (replyKey.empty() && QMText::IsAscii(bytes.data(), bytes.size())) {
+                    // ASCII reads the same wide or narrow: it goes to the parser as received.
+                    result = ExtractApiResult(path, body, timeoutMs, needLogin, sync, std::move(bytes), resultText,
+                                              kGuid);
+                } else {
+                    std::wstring reply = QMText::FromUtf8(bytes.data(), bytes.size());
+                    std::string().swap(bytes);
+                    applyReplyKey(reply);
+                    result = ExtractApiResult(path, body, timeoutMs, needLogin, sync, std::move(reply), resultText,
+                                              kGuid);
+                }
             }
             if (!self)
                 return;
@@ -500,7 +508,8 @@ CQMMemberWebService::EWSResult CQMMemberWebService::ExtractApiResult(std::wstrin
 
     outcome = ProcessStatus(
         status,
-        [this, path, body, timeoutMs, needLogin, sync, kGuid]() {
+        // By reference: the retry runs, if at all, within this call; nothing is copied when it does not.
+        [&]() {
             return DoApiRequest(path, body, timeoutMs, needLogin, sync, kGuid, std::wstring());
         },
         sync);

@@ -5,6 +5,7 @@
 #include <QSet>
 #include <QString>
 
+#include <memory>
 #include <vector>
 
 // Qt 5.15's JSON parser leaks the earlier value when an object repeats a key whose
@@ -30,6 +31,17 @@ inline int HexValue(char c)
 // Into \a out (when given) with the escapes decoded, so that "a" and "\u0061" are one key.
 inline bool ReadString(const QByteArray& text, int& i, QString* out)
 {
+    // Most strings hold no escape: those are read in one piece, not a copy per character.
+    const char* const data = text.constData();
+    int end = i + 1;
+    while (end < text.size() && data[end] != '"' && data[end] != '\\')
+        ++end;
+    if (end < text.size() && data[end] == '"') {
+        if (out)
+            out->append(QString::fromUtf8(data + i + 1, end - i - 1));
+        i = end + 1;
+        return true;
+    }
     QByteArray plain;
     for (++i; i < text.size(); ++i) {
         const char c = text.at(i);
@@ -76,12 +88,16 @@ inline bool ReadString(const QByteArray& text, int& i, QString* out)
 /// either way; Qt's parser refuses it then.
 inline bool RepeatsKey(const QByteArray& text)
 {
+    // An object's few keys are compared in a list (no hash per object); one with many gets a set.
+    constexpr size_t kFewKeys = 16;
     struct Frame {
         bool object = false;
         bool expectKey = false;
-        QSet<QString> keys;
+        size_t firstKey = 0; // its keys in `keys` from here, while they are few
+        std::unique_ptr<QSet<QString>> many;
     };
     std::vector<Frame> stack;
+    std::vector<QString> keys; // the few keys of the open objects, innermost last
     for (int i = 0; i < text.size();) {
         const char c = text.at(i);
         if (c == '"') {
@@ -91,9 +107,23 @@ inline bool RepeatsKey(const QByteArray& text)
                 return false;
             if (key) {
                 Frame& frame = stack.back();
-                if (frame.keys.contains(name))
-                    return true;
-                frame.keys.insert(name);
+                if (frame.many) {
+                    if (frame.many->contains(name))
+                        return true;
+                    frame.many->insert(name);
+                } else {
+                    for (size_t k = frame.firstKey; k < keys.size(); ++k) {
+                        if (keys[k] == name)
+                            return true;
+                    }
+                    keys.push_back(std::move(name));
+                    if (keys.size() - frame.firstKey > kFewKeys) {
+                        frame.many = std::make_unique<QSet<QString>>();
+                        for (size_t k = frame.firstKey; k < keys.size(); ++k)
+                            frame.many->insert(keys[k]);
+                        keys.resize(frame.firstKey);
+                    }
+                }
                 frame.expectKey = false;
             }
             continue;
@@ -101,8 +131,9 @@ inline bool RepeatsKey(const QByteArray& text)
         if (c == '{' || c == '[') {
             if (stack.size() >= 4096)
                 return false; // deeper than Qt's parser goes; it refuses the text
-            stack.push_back(Frame{c == '{', c == '{', {}});
+            stack.push_back(Frame{c == '{', c == '{', keys.size(), nullptr});
         } else if ((c == '}' || c == ']') && !stack.empty()) {
+            keys.resize(stack.back().firstKey);
             stack.pop_back();
         } else if (c == ',' && !stack.empty() && stack.back().object) {
             stack.back().expectKey = true;
