@@ -4,6 +4,7 @@
 #include <QJsonDocument>
 #include <QSet>
 #include <QString>
+#include <QStringView>
 
 #include <memory>
 #include <vector>
@@ -37,8 +38,17 @@ inline bool ReadString(const QByteArray& text, int& i, QString* out)
     while (end < text.size() && data[end] != '"' && data[end] != '\\')
         ++end;
     if (end < text.size() && data[end] == '"') {
-        if (out)
-            out->append(QString::fromUtf8(data + i + 1, end - i - 1));
+        if (out) {
+            const char* const begin = data + i + 1;
+            const int length = end - i - 1;
+            bool ascii = true;
+            for (int k = 0; k < length && ascii; ++k)
+                ascii = static_cast<unsigned char>(begin[k]) < 0x80;
+            if (ascii)
+                out->append(QLatin1String(begin, length)); // the same text, without a decoder's copy
+            else
+                out->append(QString::fromUtf8(begin, length));
+        }
         i = end + 1;
         return true;
     }
@@ -88,8 +98,13 @@ inline bool ReadString(const QByteArray& text, int& i, QString* out)
 /// either way; Qt's parser refuses it then.
 inline bool RepeatsKey(const QByteArray& text)
 {
-    // An object's few keys are compared in a list (no hash per object); one with many gets a set.
+    // An object's few keys are compared in place, one after another in `names` (no hash and no
+    // string per key); an object with many gets a set.
     constexpr size_t kFewKeys = 16;
+    struct Key {
+        qsizetype offset;
+        qsizetype length;
+    };
     struct Frame {
         bool object = false;
         bool expectKey = false;
@@ -97,31 +112,42 @@ inline bool RepeatsKey(const QByteArray& text)
         std::unique_ptr<QSet<QString>> many;
     };
     std::vector<Frame> stack;
-    std::vector<QString> keys; // the few keys of the open objects, innermost last
+    stack.reserve(16);
+    std::vector<Key> keys; // the few keys of the open objects, innermost last
+    keys.reserve(32);
+    QString names;
+    const auto drop = [&keys, &names](size_t first) {
+        if (first < keys.size())
+            names.truncate(keys[first].offset);
+        keys.resize(first);
+    };
     for (int i = 0; i < text.size();) {
         const char c = text.at(i);
         if (c == '"') {
             const bool key = !stack.empty() && stack.back().object && stack.back().expectKey;
-            QString name;
-            if (!Detail::ReadString(text, i, key ? &name : nullptr))
+            const qsizetype offset = names.size();
+            if (!Detail::ReadString(text, i, key ? &names : nullptr))
                 return false;
             if (key) {
                 Frame& frame = stack.back();
+                const QStringView name = QStringView(names).mid(offset);
                 if (frame.many) {
-                    if (frame.many->contains(name))
+                    const QString copy = name.toString();
+                    names.truncate(offset);
+                    if (frame.many->contains(copy))
                         return true;
-                    frame.many->insert(name);
+                    frame.many->insert(copy);
                 } else {
                     for (size_t k = frame.firstKey; k < keys.size(); ++k) {
-                        if (keys[k] == name)
+                        if (QStringView(names).mid(keys[k].offset, keys[k].length) == name)
                             return true;
                     }
-                    keys.push_back(std::move(name));
+                    keys.push_back(Key{offset, names.size() - offset});
                     if (keys.size() - frame.firstKey > kFewKeys) {
                         frame.many = std::make_unique<QSet<QString>>();
                         for (size_t k = frame.firstKey; k < keys.size(); ++k)
-                            frame.many->insert(keys[k]);
-                        keys.resize(frame.firstKey);
+                            frame.many->insert(QStringView(names).mid(keys[k].offset, keys[k].length).toString());
+                        drop(frame.firstKey);
                     }
                 }
                 frame.expectKey = false;
@@ -133,7 +159,7 @@ inline bool RepeatsKey(const QByteArray& text)
                 return false; // deeper than Qt's parser goes; it refuses the text
             stack.push_back(Frame{c == '{', c == '{', keys.size(), nullptr});
         } else if ((c == '}' || c == ']') && !stack.empty()) {
-            keys.resize(stack.back().firstKey);
+            drop(stack.back().firstKey);
             stack.pop_back();
         } else if (c == ',' && !stack.empty() && stack.back().object) {
             stack.back().expectKey = true;
