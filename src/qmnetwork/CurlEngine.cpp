@@ -953,7 +953,7 @@ void Engine::Cancel(const std::shared_ptr<AsyncJob>& job)
             driver->Cancel(job);
         else // the link's lock keeps the driver alive while the call is posted
             QMetaObject::invokeMethod(
-                driver, [driver, job] { driver->Cancel(job); }, Qt::QueuedConnection);
+                driver, QMCompat::Queued([driver, job] { driver->Cancel(job); }), Qt::QueuedConnection);
         return;
     }
     std::lock_guard<std::mutex> lock(d->queueMutex);
