@@ -2,7 +2,8 @@
 // synchronous keep-alive GETs (median, p99), a new connection in a warm process,
 // the first call of a fresh process, and asynchronous throughput at 1, 10 and 100
 // requests in flight against a bare curl multi loop with the same connection cap.
-// Usage: bench_pipeline [--calls N] [--rounds N] [--async-only [--in-flight 1|10|100]] [--json]   (QM_API_HOST and QM_CA_FILE name the server)
+// Usage: bench_pipeline [--calls N] [--rounds N] [--async-only [--in-flight 1|10|100] [--only ours|curl]] [--json]
+//        (QM_API_HOST and QM_CA_FILE name the server; --only runs one async side, for a profiler)
 #include "QMMemberWebService.h"
 
 #include "qmnetwork/CurlEngine.h"
@@ -286,6 +287,12 @@ int main(int argc, char** argv)
 
     const bool json = args.contains(QStringLiteral("--json"));
     const bool asyncOnly = args.contains(QStringLiteral("--async-only"));
+    const QString onlySide = args.contains(QStringLiteral("--only"))
+                                 ? args.value(args.indexOf(QStringLiteral("--only")) + 1) : QString();
+    if (!onlySide.isEmpty() && onlySide != QLatin1String("ours") && onlySide != QLatin1String("curl")) {
+        std::fprintf(stderr, "bench_pipeline: --only takes ours or curl\n");
+        return 2;
+    }
     const int calls = qMax(1000, args.value(args.indexOf(QStringLiteral("--calls")) + 1).toInt());
     const int rounds = qMax(3, args.value(args.indexOf(QStringLiteral("--rounds")) + 1).toInt());
     QTemporaryDir store;
@@ -401,7 +408,10 @@ int main(int argc, char** argv)
             // Sides alternate in going first, so that drift within a pair hits both alike.
             for (int side = 0; side < 2; ++side) {
                 const double cpu = CpuMicros();
-                if ((side + r) % 2 == 0) {
+                const bool oursTurn = (side + r) % 2 == 0;
+                if (!onlySide.isEmpty() && onlySide != QLatin1String(oursTurn ? "ours" : "curl"))
+                    continue;
+                if (oursTurn) {
                     row.ours.push_back(OursAsync(service, row.inFlight, asyncTotal, expectedOurs));
                     row.oursCpu.push_back((CpuMicros() - cpu) / asyncTotal);
                 } else {
@@ -409,10 +419,10 @@ int main(int argc, char** argv)
                     row.curlCpu.push_back((CpuMicros() - cpu) / asyncTotal);
                 }
             }
-            if (row.ours.back() <= 0 || row.curl.back() <= 0)
+            if ((!row.ours.empty() && row.ours.back() <= 0) || (!row.curl.empty() && row.curl.back() <= 0))
                 break;
         }
-        if (!warm || row.ours.back() <= 0 || row.curl.back() <= 0) {
+        if (!warm || (!row.ours.empty() && row.ours.back() <= 0) || (!row.curl.empty() && row.curl.back() <= 0)) {
             std::fprintf(stderr, "bench_pipeline: an asynchronous reply at %d in flight was not the server's pong\n",
                          row.inFlight);
             return 1;

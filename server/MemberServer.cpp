@@ -47,7 +47,6 @@ constexpr size_t kMaxSignIns = 10000;
 constexpr int kMaxSignInTries = 5;
 // A worker per connection up to this many: idle kept-alive connections hold their own.
 constexpr size_t kMaxWorkers = 256;
-constexpr time_t kKeepAliveSeconds = 5;
 constexpr size_t kKeepAliveRequests = 10000;
 
 // A new worker starts whenever a connection would otherwise wait for one, up to a cap;
@@ -318,7 +317,7 @@ bool MemberServer::Start(std::string& error)
         return false;
     }
     m_server->set_keep_alive_max_count(kKeepAliveRequests);
-    m_server->set_keep_alive_timeout(kKeepAliveSeconds);
+    m_server->set_keep_alive_timeout(m_options.keepAliveSeconds);
     m_server->set_payload_max_length(kMaxPayload);
     // Headers and body go out in separate writes; without this each reply waits for a delayed ACK.
     m_server->set_tcp_nodelay(true);

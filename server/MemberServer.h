@@ -22,6 +22,7 @@ struct ServerOptions {
     bool admin = false;
     int tokenTtlSeconds = 3600;
     int signInTtlSeconds = 15 * 60; // lifetime of a browser sign-in link
+    int keepAliveSeconds = 5; // an idle connection is closed after this
     std::vector<std::string> seeds; // each --seed, in order
     bool logRequests = false;       // one line per request on standard error
     // S3-compatible storage of uploads: --storage URL --storage-key K --storage-secret S --bucket B

@@ -31,6 +31,7 @@ const char* const kUsage =
     "  --admin            answer the /admin/ endpoints (fault injection, tokens, stats)\n"
     "  --token-ttl S      lifetime of access tokens in seconds (default 3600)\n"
     "  --signin-ttl S     lifetime of browser sign-in links in seconds (default 900)\n"
+    "  --keep-alive S     an idle connection is closed after S seconds (default 5, 1 to 3600)\n"
     "  --seed demo        create the demo member demo@quillmarsh.test / demo-password\n"
     "                     (and the demo world of every service area); may be repeated\n"
     "  --print-env        after the ready line, print the export lines for QM_API_HOST, QM_WEB_HOST\n"
@@ -100,6 +101,13 @@ int main(int argc, char** argv)
             // Lifetime of browser sign-in links; tests shorten it to see links expire.
             if (!ParseNumber(argv[++i], options.signInTtlSeconds) || options.signInTtlSeconds == 0) {
                 std::cerr << "qmmember-server: --signin-ttl takes a number of seconds above 0\n";
+                return 2;
+            }
+        } else if (arg == "--keep-alive" && hasValue) {
+            // Tests shorten it to see idle connections close under a client.
+            if (!ParseNumber(argv[++i], options.keepAliveSeconds) || options.keepAliveSeconds < 1
+                || options.keepAliveSeconds > 3600) {
+                std::cerr << "qmmember-server: --keep-alive takes a number of seconds from 1 to 3600\n";
                 return 2;
             }
         } else if (arg == "--seed" && hasValue) {

@@ -165,6 +165,7 @@ private slots:
         QTest::newRow("no state") << QStringList{"--port", "0"};
         QTest::newRow("bad port") << QStringList{"--state", "/tmp/x", "--port", "http"};
         QTest::newRow("unknown") << QStringList{"--state", "/tmp/x", "--verbose"};
+        QTest::newRow("keep-alive 0") << QStringList{"--state", "/tmp/x", "--keep-alive", "0"};
         QTest::newRow("unknown seed") << QStringList{"--state", QDir::tempPath() + "/qm-seed-test", "--seed", "x"};
     }
     void badArgumentsAreRefused()

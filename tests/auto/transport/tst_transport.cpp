@@ -11,6 +11,7 @@
 #include <QtTest>
 
 #include <atomic>
+#include <ctime>
 #include <functional>
 #include <future>
 
@@ -269,6 +270,93 @@ private slots:
         RunIn(second, [second] { delete second; });
         worker->quit();
         QVERIFY(worker->wait(5000));
+    }
+
+    // Exchanges chained from the slot that hears the last one, as hosts chain them: each is
+    // heard once and only after the call that started it returned, answered ones on one connection.
+    void chainedFromTheSlot_data()
+    {
+        QTest::addColumn<QString>("host");
+        QTest::newRow("answered") << QString();
+        QTest::newRow("refused") << "127.0.0.1:1";
+        QTest::newRow("refused before any traffic") << "127.0.0.1:99999"; // curl ends it as it starts
+    }
+    void chainedFromTheSlot()
+    {
+        QFETCH(QString, host);
+        const bool refused = !host.isEmpty();
+        if (!refused)
+            host = m_server.Host();
+        constexpr int kChain = 20;
+        const long connectionsBefore = m_server.Connections();
+        QObject owner;
+        QEventLoop loop;
+        int heard = 0;
+        int heardInside = 0;
+        int failed = 0;
+        bool starting = false;
+        std::function<void()> start = [&] {
+            auto* request = new CHttpRequest(&owner, false);
+            auto ended = [&, request](bool ok) {
+                heardInside += starting;
+                failed += !ok;
+                request->deleteLater();
+                if (++heard == kChain)
+                    loop.quit();
+                else
+                    start();
+            };
+            connect(request, &CHttpRequest::FinishedAsync, &owner, [ended] { ended(true); });
+            connect(request, &CHttpRequest::ErrorAsync, &owner, [ended] { ended(false); });
+            starting = true;
+            request->GetAsync(host.toStdWString(), L"/qmtest/echo", 5000, false, L"");
+            starting = false;
+        };
+        start();
+        QTimer::singleShot(20000 * kSanitizerSlowdown, &loop, &QEventLoop::quit);
+        loop.exec();
+        QCOMPARE(heard, kChain);
+        QCOMPARE(heardInside, 0);
+        QCOMPARE(failed, refused ? kChain : 0);
+        if (!refused) { // at most one new connection of ours, and the admin call's own
+            const long made = m_server.Connections() - connectionsBefore;
+            QVERIFY2(made <= 2, qPrintable(QString::number(made)));
+        }
+    }
+
+    // A kept connection the server closes while it is idle: the loop neither spins on it nor
+    // warns, and the next exchange goes out on a new connection.
+    void idleConnectionClosedByServer()
+    {
+        ServerFixture brief;
+        QVERIFY(brief.Start({"--keep-alive", "1"}));
+        CQMNetworkCenter::SetExtraCAFile(brief.CaFile().toStdWString());
+        const auto restore = qScopeGuard([this] { CQMNetworkCenter::SetExtraCAFile(m_server.CaFile().toStdWString()); });
+        static QStringList warnings;
+        warnings.clear();
+        const QtMessageHandler previous = qInstallMessageHandler([](QtMsgType type, const QMessageLogContext&,
+                                                                    const QString& text) {
+            if (type != QtDebugMsg && type != QtInfoMsg)
+                warnings << text;
+        });
+        const auto uninstall = qScopeGuard([previous] { qInstallMessageHandler(previous); });
+        const std::wstring host = brief.Host().toStdWString();
+        for (int round = 0; round < 2; ++round) {
+            CHttpRequest request(nullptr, false);
+            bool finished = false;
+            connect(&request, &CHttpRequest::FinishedAsync, this, [&finished] { finished = true; });
+            request.GetAsync(host, L"/qmtest/echo", 5000, false, L"");
+            QTRY_VERIFY_WITH_TIMEOUT(finished, 5000 * kSanitizerSlowdown);
+            if (round == 0) {
+                // The server closes the connection a second into this.
+                const std::clock_t cpu = std::clock();
+                QTest::qWait(2000);
+                const double spent = double(std::clock() - cpu) / CLOCKS_PER_SEC;
+                QVERIFY2(spent < 0.5, qPrintable(QString::number(spent)));
+            }
+        }
+        QCOMPARE(brief.Connections(), 3L); // ours, and the admin call that counts them
+        QVERIFY2(warnings.isEmpty(), qPrintable(warnings.join(QLatin1Char('\n'))));
     }
 
     void connectionsAreReused()
