@@ -294,6 +294,7 @@ CQMMemberWebService::EWSResult CQMMemberWebService::DoApiRequest(std::wstring pa
             guard.reset();
         });
 
+    request->SetReplyAsBytes(true); // the handler takes the bytes: no wide copy for the signal
     if (!body.empty())
         request->PostAsync(host, path, body, static_cast<unsigned int>(timeoutMs), true, contentType, std::wstring(),
                            false);

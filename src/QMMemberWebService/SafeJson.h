@@ -5,8 +5,8 @@
 #include <QSet>
 #include <QString>
 #include <QStringView>
+#include <QVarLengthArray>
 
-#include <memory>
 #include <vector>
 
 // Qt 5.15's JSON parser leaks the earlier value when an object repeats a key whose
@@ -106,47 +106,49 @@ inline bool RepeatsKey(const QByteArray& text)
         qsizetype length;
     };
     struct Frame {
-        bool object = false;
-        bool expectKey = false;
-        size_t firstKey = 0; // its keys in `keys` from here, while they are few
-        std::unique_ptr<QSet<QString>> many;
+        bool object;
+        bool expectKey;
+        size_t firstKey; // its keys in `keys` from here, while they are few
+        int many; // its set in `sets` once it has many keys, else -1
     };
-    std::vector<Frame> stack;
-    stack.reserve(16);
-    std::vector<Key> keys; // the few keys of the open objects, innermost last
-    keys.reserve(32);
+    // On the stack for the usual reply; the sets of open objects nest as the frames do.
+    QVarLengthArray<Frame, 32> stack;
+    QVarLengthArray<Key, 64> keys; // the few keys of the open objects, innermost last
+    std::vector<QSet<QString>> sets;
     QString names;
     const auto drop = [&keys, &names](size_t first) {
-        if (first < keys.size())
-            names.truncate(keys[first].offset);
-        keys.resize(first);
+        if (first < size_t(keys.size()))
+            names.truncate(keys[int(first)].offset);
+        keys.resize(int(first));
     };
     for (int i = 0; i < text.size();) {
         const char c = text.at(i);
         if (c == '"') {
-            const bool key = !stack.empty() && stack.back().object && stack.back().expectKey;
+            const bool key = !stack.isEmpty() && stack.back().object && stack.back().expectKey;
             const qsizetype offset = names.size();
             if (!Detail::ReadString(text, i, key ? &names : nullptr))
                 return false;
             if (key) {
                 Frame& frame = stack.back();
                 const QStringView name = QStringView(names).mid(offset);
-                if (frame.many) {
+                if (frame.many >= 0) {
                     const QString copy = name.toString();
                     names.truncate(offset);
-                    if (frame.many->contains(copy))
+                    QSet<QString>& set = sets[size_t(frame.many)];
+                    if (set.contains(copy))
                         return true;
-                    frame.many->insert(copy);
+                    set.insert(copy);
                 } else {
-                    for (size_t k = frame.firstKey; k < keys.size(); ++k) {
+                    for (int k = int(frame.firstKey); k < keys.size(); ++k) {
                         if (QStringView(names).mid(keys[k].offset, keys[k].length) == name)
                             return true;
                     }
-                    keys.push_back(Key{offset, names.size() - offset});
-                    if (keys.size() - frame.firstKey > kFewKeys) {
-                        frame.many = std::make_unique<QSet<QString>>();
-                        for (size_t k = frame.firstKey; k < keys.size(); ++k)
-                            frame.many->insert(QStringView(names).mid(keys[k].offset, keys[k].length).toString());
+                    keys.append(Key{offset, names.size() - offset});
+                    if (size_t(keys.size()) - frame.firstKey > kFewKeys) {
+                        frame.many = int(sets.size());
+                        sets.emplace_back();
+                        for (int k = int(frame.firstKey); k < keys.size(); ++k)
+                            sets.back().insert(QStringView(names).mid(keys[k].offset, keys[k].length).toString());
                         drop(frame.firstKey);
                     }
                 }
@@ -157,11 +159,13 @@ inline bool RepeatsKey(const QByteArray& text)
         if (c == '{' || c == '[') {
             if (stack.size() >= 4096)
                 return false; // deeper than Qt's parser goes; it refuses the text
-            stack.push_back(Frame{c == '{', c == '{', keys.size(), nullptr});
-        } else if ((c == '}' || c == ']') && !stack.empty()) {
+            stack.append(Frame{c == '{', c == '{', size_t(keys.size()), -1});
+        } else if ((c == '}' || c == ']') && !stack.isEmpty()) {
             drop(stack.back().firstKey);
-            stack.pop_back();
-        } else if (c == ',' && !stack.empty() && stack.back().object) {
+            if (stack.back().many >= 0)
+                sets.pop_back();
+            stack.removeLast();
+        } else if (c == ',' && !stack.isEmpty() && stack.back().object) {
             stack.back().expectKey = true;
         }
         ++i;

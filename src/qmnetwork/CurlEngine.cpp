@@ -22,6 +22,7 @@
 #include <chrono>
 #include <climits>
 #include <condition_variable>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -81,6 +82,8 @@ struct Handle {
     curl_slist* headerList = nullptr;
 
     std::shared_ptr<AsyncJob> job; // asynchronous road only
+    size_t slot = SIZE_MAX; // its place in a loop driver's list of running handles
+    std::string host; // the scheme, host and port it runs against there
 };
 
 namespace {
@@ -263,13 +266,22 @@ Engine& Engine::Instance()
 }
 
 namespace {
+constexpr long kConnectionsPerHost = 8;
+
 CURLM* NewMulti()
 {
     CURLM* multi = curl_multi_init();
     // Few connections per host, so queued transfers wait for a kept-alive one.
-    curl_multi_setopt(multi, CURLMOPT_MAX_HOST_CONNECTIONS, 8L);
+    curl_multi_setopt(multi, CURLMOPT_MAX_HOST_CONNECTIONS, kConnectionsPerHost);
     curl_multi_setopt(multi, CURLMOPT_MAXCONNECTS, 16L);
     return multi;
+}
+
+// The scheme, host and port of a URL: what connections are counted by.
+std::string HostOf(const std::string& url)
+{
+    const size_t scheme = url.find("://");
+    return url.substr(0, url.find_first_of("/?#", scheme == std::string::npos ? 0 : scheme + 3));
 }
 } // namespace
 
@@ -607,8 +619,9 @@ private:
     class Watch;
 
     LoopDriver(Engine& engine);
-    void Begin(std::shared_ptr<AsyncJob> job);
+    void Begin(std::shared_ptr<AsyncJob> job, bool held = false);
     void Release(Handle* handle);
+    void StartHeld();
     void NewMultiFor(uint64_t generation);
     void Act(curl_socket_t socket, int mask);
     void DropWatches(curl_socket_t socket);
@@ -639,9 +652,20 @@ private:
     // exchanges their read watch is parked, not torn down, as every change of the loop's
     // poll set costs it a wake-up.
     std::unordered_set<curl_socket_t> m_connections;
-    std::unordered_map<CURL*, Handle*> m_running;
+    // Running handles; each knows its place, so that adding and removing one costs no search
+    // and no allocation.
+    std::vector<Handle*> m_running;
+    Handle* Running(CURL* easy) const;
     std::vector<Handle*> m_pool;
     std::deque<std::shared_ptr<AsyncJob>> m_waiting; // for the old trust set's transfers to end
+    // Exchanges held back while their host has as many running as curl may connect to it:
+    // curl would set each one up, find no connection free and park it, over and over.
+    struct HostLoad {
+        int running = 0;
+        int held = 0;
+    };
+    std::unordered_map<std::string, HostLoad> m_hosts;
+    std::deque<std::shared_ptr<AsyncJob>> m_held;
 };
 
 namespace {
@@ -739,8 +763,8 @@ LoopDriver::~LoopDriver()
         curl_multi_setopt(m_multi, CURLMOPT_TIMERFUNCTION, nullptr);
     }
     // What is still running ends with its thread; nobody is left to hear of it.
-    for (auto& [easy, handle] : m_running) {
-        curl_multi_remove_handle(m_multi, easy);
+    for (Handle* handle : m_running) {
+        curl_multi_remove_handle(m_multi, handle->easy);
         handle->job->easy = nullptr;
         handle->job.reset();
         m_pool.push_back(handle);
@@ -781,7 +805,7 @@ void LoopDriver::Start(std::shared_ptr<AsyncJob> job)
         Begin(std::move(job));
 }
 
-void LoopDriver::Begin(std::shared_ptr<AsyncJob> job)
+void LoopDriver::Begin(std::shared_ptr<AsyncJob> job, bool held)
 {
     const std::shared_ptr<Trust> trust = m_engine.CurrentTrust();
     if (!m_multi || trust->generation != m_generation) {
@@ -790,6 +814,13 @@ void LoopDriver::Begin(std::shared_ptr<AsyncJob> job)
             return;
         }
         NewMultiFor(trust->generation);
+    }
+    std::string host = HostOf(job->exchange.url);
+    HostLoad& load = m_hosts[host];
+    if (load.running >= kConnectionsPerHost || (!held && load.held > 0)) {
+        ++load.held; // in order, behind those of its host already held
+        m_held.push_back(std::move(job));
+        return;
     }
     Handle* handle = nullptr;
     if (!m_pool.empty()) {
@@ -812,13 +843,17 @@ void LoopDriver::Begin(std::shared_ptr<AsyncJob> job)
         return;
     }
     m_engine.Configure(*handle, job->exchange, job->outcome);
+    ++load.running;
+    handle->host = std::move(host);
     handle->job = job;
     job->easy = handle->easy;
-    m_running[handle->easy] = handle;
+    handle->slot = m_running.size();
+    m_running.push_back(handle);
     curl_multi_add_handle(m_multi, handle->easy);
-    if (m_depth > 0) {
-        // Started by a slot this driver delivers to (the usual way to chain requests): sent
-        // now, while the slot's own clean-up runs, and Act reads what this finished.
+    if (m_depth > 0 && m_running.size() == 1) {
+        // Started by a slot this driver delivers to (the usual way to chain requests), with
+        // nothing else in flight: sent now, while the slot's own clean-up runs, and Act reads
+        // what this finished. With others in flight one drive after the slots starts them all.
         int stillRunning = 0;
         curl_multi_socket_action(m_multi, CURL_SOCKET_TIMEOUT, 0, &stillRunning);
         m_kicked = true;
@@ -827,10 +862,24 @@ void LoopDriver::Begin(std::shared_ptr<AsyncJob> job)
     // call that started it.
 }
 
+Handle* LoopDriver::Running(CURL* easy) const
+{
+    Handle* handle = nullptr;
+    curl_easy_getinfo(easy, CURLINFO_PRIVATE, &handle);
+    return handle && handle->slot < m_running.size() && m_running[handle->slot] == handle ? handle : nullptr;
+}
+
 void LoopDriver::Release(Handle* handle)
 {
     curl_multi_remove_handle(m_multi, handle->easy);
-    m_running.erase(handle->easy);
+    Handle* last = m_running.back();
+    m_running[handle->slot] = last;
+    last->slot = handle->slot;
+    m_running.pop_back();
+    handle->slot = SIZE_MAX;
+    auto load = m_hosts.find(handle->host);
+    if (load != m_hosts.end() && --load->second.running <= 0 && load->second.held == 0)
+        m_hosts.erase(load);
     handle->job.reset();
     handle->body = nullptr;
     handle->headers = nullptr;
@@ -840,12 +889,20 @@ void LoopDriver::Release(Handle* handle)
 void LoopDriver::Cancel(const std::shared_ptr<AsyncJob>& job)
 {
     if (job->easy) {
-        auto found = m_running.find(job->easy);
-        if (found != m_running.end() && found->second->job == job)
-            Release(found->second);
+        Handle* handle = Running(job->easy);
+        if (handle && handle->job == job)
+            Release(handle);
     }
     job->easy = nullptr;
     m_waiting.erase(std::remove(m_waiting.begin(), m_waiting.end(), job), m_waiting.end());
+    const auto held = std::find(m_held.begin(), m_held.end(), job);
+    if (held != m_held.end()) {
+        m_held.erase(held);
+        auto load = m_hosts.find(HostOf(job->exchange.url));
+        if (load != m_hosts.end() && --load->second.held <= 0 && load->second.running == 0)
+            m_hosts.erase(load);
+    }
+    StartHeld(); // what the cancelled one held back; it runs from the loop, as any start
 }
 
 void LoopDriver::DropWatches(curl_socket_t socket)
@@ -861,6 +918,21 @@ void LoopDriver::DropWatches(curl_socket_t socket)
         }
     }
     m_watches.erase(found);
+}
+
+void LoopDriver::StartHeld()
+{
+    for (auto it = m_held.begin(); it != m_held.end();) {
+        auto load = m_hosts.find(HostOf((*it)->exchange.url));
+        if (load == m_hosts.end() || load->second.running >= kConnectionsPerHost) {
+            ++it;
+            continue;
+        }
+        --load->second.held;
+        std::shared_ptr<AsyncJob> job = std::move(*it);
+        it = m_held.erase(it);
+        Begin(std::move(job), true); // never holds it again; it may wait for a new trust set
+    }
 }
 
 int LoopDriver::OnSocket(CURL*, curl_socket_t socket, int what, void* user, void*)
@@ -950,10 +1022,9 @@ void LoopDriver::Act(curl_socket_t socket, int mask)
         while (CURLMsg* message = curl_multi_info_read(m_multi, &queued)) {
             if (message->msg != CURLMSG_DONE)
                 continue;
-            auto found = m_running.find(message->easy_handle);
-            if (found == m_running.end())
+            Handle* handle = Running(message->easy_handle);
+            if (!handle)
                 continue;
-            Handle* handle = found->second;
             std::shared_ptr<AsyncJob> job = handle->job;
             const CURLcode code = message->data.result;
             Engine::Complete(*handle, code, job->outcome, "async");
@@ -961,6 +1032,8 @@ void LoopDriver::Act(curl_socket_t socket, int mask)
             Release(handle);
             done.push_back(std::move(job));
         }
+        if (!m_held.empty() && !done.empty())
+            StartHeld();
         if (m_running.empty() && !m_waiting.empty()) {
             std::deque<std::shared_ptr<AsyncJob>> waiting;
             waiting.swap(m_waiting);

@@ -43,6 +43,8 @@ CHttpRequest::~CHttpRequest()
 
 void CHttpRequest::AddRawHeader(const std::wstring& name, const std::wstring& value)
 {
+    if (m_kHeaders.capacity() == 0)
+        m_kHeaders.reserve(8); // a service request sends five or six
     m_kHeaders.emplace_back(Utf8(name), Utf8(value));
 }
 
@@ -216,7 +218,7 @@ void CHttpRequest::DeliverAsync(QMNet::Outcome&& outcome)
     const unsigned int error = outcome.netError;
     ApplyOutcome(std::move(outcome));
     if (completed)
-        emit FinishedAsync(GetReturnData());
+        emit FinishedAsync(m_bReplyAsBytes ? std::wstring() : GetReturnData());
     else
         emit ErrorAsync(error);
 }

@@ -69,8 +69,9 @@ public:
                   std::wstring contentType);
 
     std::wstring GetReturnData() const;
-    /// With \a bytes true the next sync calls leave their wide \a reply argument empty, and the
-    /// body is taken as received with TakeReturnBytes: a large UTF-8 reply is not widened.
+    /// With \a bytes true the next exchanges leave their wide reply empty (a sync call's \a reply
+    /// argument, FinishedAsync's argument), and the body is taken as received with
+    /// TakeReturnBytes: a large UTF-8 reply is not widened.
     void SetReplyAsBytes(bool bytes) { m_bReplyAsBytes = bytes; }
     /// The body of the last exchange as received, moved out: GetReturnData is empty after.
     std::string TakeReturnBytes();

@@ -324,6 +324,37 @@ private slots:
         }
     }
 
+    // More exchanges to one host than it gets connections: those beyond wait their turn, one
+    // deleted while it waits is never heard, and another host does not wait behind them.
+    void moreThanTheHostsConnections()
+    {
+        m_server.Fault({{"path", "/qmtest/echo"}, {"delay_ms", 300}});
+        const QString other = m_server.Host().replace(QStringLiteral("127.0.0.1"), QStringLiteral("localhost"));
+        QObject owner;
+        QStringList heard; // in the order they end
+        auto start = [&](const QString& host, const wchar_t* path, const QString& name) {
+            auto* request = new CHttpRequest(&owner, false);
+            connect(request, &CHttpRequest::FinishedAsync, &owner, [&heard, name] { heard << name; });
+            connect(request, &CHttpRequest::ErrorAsync, &owner, [&heard, name] { heard << name + "!"; });
+            request->GetAsync(host.toStdWString(), path, 5000 * kSanitizerSlowdown, false, L"");
+            return request;
+        };
+        std::vector<CHttpRequest*> slow;
+        for (int i = 0; i < 12; ++i)
+            slow.push_back(start(m_server.Host(), L"/qmtest/echo", QString::number(i)));
+        delete slow[9]; // both wait for a connection
+        delete slow[11];
+        start(other, L"/qmtest/ping", QStringLiteral("other host"));
+        QTRY_COMPARE_WITH_TIMEOUT(heard.size(), 11, 10000 * kSanitizerSlowdown);
+        QTest::qWait(100); // nothing more arrives
+        QCOMPARE(heard.size(), 11);
+        QCOMPARE(heard.first(), QStringLiteral("other host"));
+        for (const QString& name : {QStringLiteral("9"), QStringLiteral("11")})
+            QVERIFY(!heard.contains(name));
+        QVERIFY2(heard.indexOf("8") > 8 && heard.indexOf("10") > 8, qPrintable(heard.join(' ')));
+        QCOMPARE(m_server.Requests("/qmtest/echo").size(), 10); // the deleted ones never went out
+    }
+
     // A kept connection the server closes while it is idle: the loop neither spins on it nor
     // warns, and the next exchange goes out on a new connection.
     void idleConnectionClosedByServer()
