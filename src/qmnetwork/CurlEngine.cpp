@@ -28,6 +28,7 @@
 #include <cstring>
 #include <deque>
 #include <dirent.h>
+#include <string_view>
 #include <thread>
 #include <unordered_map>
 #include <unordered_set>
@@ -278,10 +279,11 @@ CURLM* NewMulti()
 }
 
 // The scheme, host and port of a URL: what connections are counted by.
-std::string HostOf(const std::string& url)
+std::string_view HostOf(const std::string& url)
 {
-    const size_t scheme = url.find("://");
-    return url.substr(0, url.find_first_of("/?#", scheme == std::string::npos ? 0 : scheme + 3));
+    const std::string_view view(url);
+    const size_t scheme = view.find("://");
+    return view.substr(0, view.find_first_of("/?#", scheme == std::string_view::npos ? 0 : scheme + 3));
 }
 } // namespace
 
@@ -661,10 +663,12 @@ private:
     // Exchanges held back while their host has as many running as curl may connect to it:
     // curl would set each one up, find no connection free and park it, over and over.
     struct HostLoad {
+        std::string host;
         int running = 0;
         int held = 0;
     };
-    std::unordered_map<std::string, HostLoad> m_hosts;
+    std::vector<HostLoad> m_hosts; // the few hosts a thread talks to; idle ones are kept
+    HostLoad* LoadOf(std::string_view host, bool make);
     std::deque<std::shared_ptr<AsyncJob>> m_held;
 };
 
@@ -815,8 +819,8 @@ void LoopDriver::Begin(std::shared_ptr<AsyncJob> job, bool held)
         }
         NewMultiFor(trust->generation);
     }
-    std::string host = HostOf(job->exchange.url);
-    HostLoad& load = m_hosts[host];
+    const std::string_view host = HostOf(job->exchange.url);
+    HostLoad& load = *LoadOf(host, true);
     if (load.running >= kConnectionsPerHost || (!held && load.held > 0)) {
         ++load.held; // in order, behind those of its host already held
         m_held.push_back(std::move(job));
@@ -844,7 +848,7 @@ void LoopDriver::Begin(std::shared_ptr<AsyncJob> job, bool held)
     }
     m_engine.Configure(*handle, job->exchange, job->outcome);
     ++load.running;
-    handle->host = std::move(host);
+    handle->host.assign(host.data(), host.size());
     handle->job = job;
     job->easy = handle->easy;
     handle->slot = m_running.size();
@@ -877,9 +881,8 @@ void LoopDriver::Release(Handle* handle)
     last->slot = handle->slot;
     m_running.pop_back();
     handle->slot = SIZE_MAX;
-    auto load = m_hosts.find(handle->host);
-    if (load != m_hosts.end() && --load->second.running <= 0 && load->second.held == 0)
-        m_hosts.erase(load);
+    if (HostLoad* load = LoadOf(handle->host, false))
+        --load->running;
     handle->job.reset();
     handle->body = nullptr;
     handle->headers = nullptr;
@@ -898,9 +901,8 @@ void LoopDriver::Cancel(const std::shared_ptr<AsyncJob>& job)
     const auto held = std::find(m_held.begin(), m_held.end(), job);
     if (held != m_held.end()) {
         m_held.erase(held);
-        auto load = m_hosts.find(HostOf(job->exchange.url));
-        if (load != m_hosts.end() && --load->second.held <= 0 && load->second.running == 0)
-            m_hosts.erase(load);
+        if (HostLoad* load = LoadOf(HostOf(job->exchange.url), false))
+            --load->held;
     }
     StartHeld(); // what the cancelled one held back; it runs from the loop, as any start
 }
@@ -920,15 +922,32 @@ void LoopDriver::DropWatches(curl_socket_t socket)
     m_watches.erase(found);
 }
 
+LoopDriver::HostLoad* LoopDriver::LoadOf(std::string_view host, bool make)
+{
+    for (HostLoad& load : m_hosts) {
+        if (load.host == host)
+            return &load;
+    }
+    if (!make)
+        return nullptr;
+    if (m_hosts.size() >= 16) { // many hosts over time: forget the idle ones
+        m_hosts.erase(std::remove_if(m_hosts.begin(), m_hosts.end(),
+                                     [](const HostLoad& load) { return load.running == 0 && load.held == 0; }),
+                      m_hosts.end());
+    }
+    m_hosts.push_back(HostLoad{std::string(host), 0, 0});
+    return &m_hosts.back();
+}
+
 void LoopDriver::StartHeld()
 {
     for (auto it = m_held.begin(); it != m_held.end();) {
-        auto load = m_hosts.find(HostOf((*it)->exchange.url));
-        if (load == m_hosts.end() || load->second.running >= kConnectionsPerHost) {
+        HostLoad* load = LoadOf(HostOf((*it)->exchange.url), false);
+        if (!load || load->running >= kConnectionsPerHost) {
             ++it;
             continue;
         }
-        --load->second.held;
+        --load->held;
         std::shared_ptr<AsyncJob> job = std::move(*it);
         it = m_held.erase(it);
         Begin(std::move(job), true); // never holds it again; it may wait for a new trust set
