@@ -259,8 +259,8 @@ CQMMemberWebService::EWSResult CQMMemberWebService::DoApiRequest(std::wstring pa
             EWSResult result = WS_OK;
             {
                 const CQMSentToken sent(accessToken);
-                if (replyKey.empty() && QMText::IsAscii(bytes.data(), bytes.size())) {
-                    // ASCII reads the same wide or narrow: it goes to the parser as received.
+                if (replyKey.empty()) {
+                    // As the sync road: the bytes go to the parser as received.
                     result = ExtractApiResult(path, body, timeoutMs, needLogin, sync, std::move(bytes), resultText,
                                               kGuid);
                 } else {

@@ -84,7 +84,6 @@ struct Handle {
 
     std::shared_ptr<AsyncJob> job; // asynchronous road only
     size_t slot = SIZE_MAX; // its place in a loop driver's list of running handles
-    std::string host; // the scheme, host and port it runs against there
 };
 
 namespace {
@@ -848,7 +847,6 @@ void LoopDriver::Begin(std::shared_ptr<AsyncJob> job, bool held)
     }
     m_engine.Configure(*handle, job->exchange, job->outcome);
     ++load.running;
-    handle->host.assign(host.data(), host.size());
     handle->job = job;
     job->easy = handle->easy;
     handle->slot = m_running.size();
@@ -881,7 +879,7 @@ void LoopDriver::Release(Handle* handle)
     last->slot = handle->slot;
     m_running.pop_back();
     handle->slot = SIZE_MAX;
-    if (HostLoad* load = LoadOf(handle->host, false))
+    if (HostLoad* load = LoadOf(HostOf(handle->url), false)) // the URL Configure gave it
         --load->running;
     handle->job.reset();
     handle->body = nullptr;
